@@ -1,0 +1,25 @@
+# korvid_bus: libubox, libubus and libblobmsg_json, the system's where they are installed (as in the switch's
+# SDK), else the header- and wire-compatible ones of platform/bus.
+if(NOT KORVID_BUS STREQUAL bundled)
+  find_path(UBUS_INCLUDE libubus.h)
+  find_library(UBOX_LIBRARY ubox)
+  find_library(UBUS_LIBRARY ubus)
+  find_library(BLOBMSG_JSON_LIBRARY blobmsg_json)
+  if(UBUS_INCLUDE AND UBOX_LIBRARY AND UBUS_LIBRARY AND BLOBMSG_JSON_LIBRARY)
+    set(KORVID_BUS system)
+  elseif(KORVID_BUS STREQUAL system)
+    message(FATAL_ERROR "KORVID_BUS=system, but libubox, libubus or libblobmsg_json is missing")
+  else()
+    set(KORVID_BUS bundled)
+  endif()
+endif()
+message(STATUS "bus libraries: ${KORVID_BUS}")
+
+add_library(korvid_bus INTERFACE)
+if(KORVID_BUS STREQUAL system)
+  target_include_directories(korvid_bus SYSTEM INTERFACE ${UBUS_INCLUDE})
+  target_link_libraries(korvid_bus INTERFACE ${UBUS_LIBRARY} ${BLOBMSG_JSON_LIBRARY} ${UBOX_LIBRARY})
+else()
+  # targets of platform/bus
+  target_link_libraries(korvid_bus INTERFACE ubus blobmsg_json ubox)
+endif()
