@@ -1,0 +1,84 @@
+// The catalogue of applications that the installed kit recognises (the pool, by name), and beside it the
+// active array, indexed by application id, that says which applications are on which list and through which
+// group.
+//
+//   pool node: index line names it --> valid --> marked obsolete before the next index is read --> revived or
+//   freed active array: none before the first kit; freed and built anew by every kit update
+//
+// Threads: changed on the event-loop thread only.  That thread, the sole writer, reads without a lock and
+// writes under amModelLock held exclusively; the classification callback reads under it, shared, for its
+// whole run.
+#pragma once
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "appmodel/rbt.h"
+#include "core/lock.h"
+
+inline constexpr size_t kAppNameSize = 32;    // a name of full width has no terminator in such a field
+inline constexpr size_t kGroupNameSize = 40;  // likewise
+
+enum AmAppState : uint32_t { AM_APP_VALID = 1, AM_APP_OBSOLETE = 2 };
+
+enum AmListType : uint32_t { AM_LIST_MONITORING = 1, AM_LIST_ENFORCEMENT = 2 };
+
+// One application of the pool.
+struct AmAppNode {
+    RbtNode node;                 // first: the tree hands out RbtNode pointers
+    char name[kAppNameSize + 1];  // always terminated
+    uint16_t appId;               // given by the index that first named the application; never changes after
+    uint32_t state;               // AmAppState
+};
+static_assert(offsetof(AmAppNode, node) == 0 && offsetof(AmAppNode, name) == sizeof(RbtNode));
+
+// One entry of the active array.  The names are zero-padded fields.
+struct AmActiveApp {
+    char appName[kAppNameSize];
+    char grpName[kGroupNameSize];  // the group through which the application was put on a list, else empty
+    // Monitored flows since the last hourly record: added to by the callback, taken by the record's writer.
+    std::atomic<uint32_t> monFlowCount;
+    uint8_t isMonitoring;   // 0 or 1
+    uint8_t isEnforcement;  // 0 or 1
+    uint8_t isPartOfGroup;  // 1 while grpName is set
+};
+
+extern AmSharedMutex amModelLock;
+
+extern RbtTree amAppPoolTree;       // of AmAppNode, by name; event-loop thread only
+extern int32_t amAppPoolShmSigCnt;  // highest id of the last index read
+extern AmActiveApp *amActData;      // amMaxAppIdCount entries, or null; under amModelLock as above
+extern uint32_t amMaxAppIdCount;    // holds the size even when the array could not be allocated
+
+int amAppPoolNameCompare(const RbtNode *a, const RbtNode *b);  // over 32 characters
+
+// The pool's node of that name (its first 32 characters count), or null; obsolete nodes are found too.
+AmAppNode *getAppNode(const char *name);
+
+// The same; null for a null name.  Every name from outside is checked with this.
+AmAppNode *amIsAppNameValid(const char *name);
+
+// The first node in name order for null, else the next; null after the last.
+AmAppNode *amGetNextAppNode(const AmAppNode *node);
+
+// Enters the application of a zeroed record with name and id, or revives the one of that name, which keeps
+// its id. 1, or 0 when there is no memory.
+int amUpdateAppPool(const AmAppNode *record);
+
+void amAppPoolMarkObsolete();  // before an index is read
+void amCleanAppPool();         // after: frees what the index no longer names
+
+// Builds the zeroed array for ids 0 to amAppPoolShmSigCnt, replacing any, and writes the pool's names into
+// it. Without memory the array stays absent.  `op` and `line` head the log lines.
+void amRebuildActiveAppArray(const char *op, int line) EXCLUDES(amModelLock);
+void amUpdateActiveAppListArray() REQUIRES(amModelLock);
+void amCleanAppList() EXCLUDES(amModelLock);  // frees the array
+void amCleanAppData() EXCLUDES(amModelLock);  // amCleanAppGroup, then amCleanAppList
+
+// The array's entry of that id, or null when there is no array or no such entry.  Event-loop thread, or under
+// amModelLock.
+AmActiveApp *amActiveApp(uint32_t appId);
+
+// The names that a record or a debug line shows for an application on a list, "-" for each that does not
+// apply. Outputs are zeroed buffers of at least 33 and 41 bytes.  Event-loop thread.  Returns grpNameOut.
+char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType);

@@ -1,0 +1,88 @@
+// Locks that clang's thread-safety analysis understands: thin owners of a pthread mutex or read-write lock.
+//
+// Order in which locks are taken, never backwards:
+//   amEngineGate -> amModelLock -> amEnfFlowLock -> amMonQueueLock -> amUploadLock -> log lock
+// A lock is held for the data it guards, never across a transfer, a shell command or a record write.
+#pragma once
+#include <pthread.h>
+
+#if defined(__clang__)
+#define AM_TSA(x) __attribute__((x))
+#else
+#define AM_TSA(x)
+#endif
+#define CAPABILITY(x) AM_TSA(capability(x))
+#define SCOPED_CAPABILITY AM_TSA(scoped_lockable)
+#define GUARDED_BY(x) AM_TSA(guarded_by(x))
+#define PT_GUARDED_BY(x) AM_TSA(pt_guarded_by(x))
+#define ACQUIRED_AFTER(...) AM_TSA(acquired_after(__VA_ARGS__))
+#define ACQUIRED_BEFORE(...) AM_TSA(acquired_before(__VA_ARGS__))
+#define REQUIRES(...) AM_TSA(requires_capability(__VA_ARGS__))
+#define REQUIRES_SHARED(...) AM_TSA(requires_shared_capability(__VA_ARGS__))
+#define EXCLUDES(...) AM_TSA(locks_excluded(__VA_ARGS__))
+#define ACQUIRE(...) AM_TSA(acquire_capability(__VA_ARGS__))
+#define ACQUIRE_SHARED(...) AM_TSA(acquire_shared_capability(__VA_ARGS__))
+#define RELEASE(...) AM_TSA(release_capability(__VA_ARGS__))
+#define RELEASE_SHARED(...) AM_TSA(release_shared_capability(__VA_ARGS__))
+#define RELEASE_GENERIC(...) AM_TSA(release_generic_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) AM_TSA(try_acquire_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS AM_TSA(no_thread_safety_analysis)
+
+class CAPABILITY("mutex") AmMutex {
+  public:
+    constexpr AmMutex() = default;
+    AmMutex(const AmMutex &) = delete;
+    AmMutex &operator=(const AmMutex &) = delete;
+
+    void lock() ACQUIRE()
+    { pthread_mutex_lock(&mutex_); }
+    void unlock() RELEASE()
+    { pthread_mutex_unlock(&mutex_); }
+    bool tryLock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
+    pthread_mutex_t *native() { return &mutex_; }  // for pthread_cond_wait only
+
+  private:
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Readers on several threads, one writer.  The thread that is the sole writer reads without it.
+class CAPABILITY("shared mutex") AmSharedMutex {
+  public:
+    constexpr AmSharedMutex() = default;
+    AmSharedMutex(const AmSharedMutex &) = delete;
+    AmSharedMutex &operator=(const AmSharedMutex &) = delete;
+
+    void lock() ACQUIRE()
+    { pthread_rwlock_wrlock(&lock_); }
+    void unlock() RELEASE()
+    { pthread_rwlock_unlock(&lock_); }
+    void lockShared() ACQUIRE_SHARED() { pthread_rwlock_rdlock(&lock_); }
+    void unlockShared() RELEASE_SHARED() { pthread_rwlock_unlock(&lock_); }
+
+  private:
+    pthread_rwlock_t lock_ = PTHREAD_RWLOCK_INITIALIZER;
+};
+
+template <class Lock>
+class SCOPED_CAPABILITY AmGuard {
+  public:
+    explicit AmGuard(Lock &lock) ACQUIRE(lock) : lock_(lock) { lock_.lock(); }
+    ~AmGuard() RELEASE()
+    { lock_.unlock(); }
+    AmGuard(const AmGuard &) = delete;
+    AmGuard &operator=(const AmGuard &) = delete;
+
+  private:
+    Lock &lock_;
+};
+
+class SCOPED_CAPABILITY AmSharedGuard {
+  public:
+    explicit AmSharedGuard(AmSharedMutex &lock) ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockShared(); }
+    ~AmSharedGuard() RELEASE_GENERIC() { lock_.unlockShared(); }
+    AmSharedGuard(const AmSharedGuard &) = delete;
+    AmSharedGuard &operator=(const AmSharedGuard &) = delete;
+
+  private:
+    AmSharedMutex &lock_;
+};

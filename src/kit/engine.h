@@ -1,0 +1,55 @@
+// Loads, starts, stops and unloads the engine library that comes in the kit, and lets the capture thread in.
+//
+//   no engine --amLoadQsKit--> loaded --amQsCleanUp--> stopped --amUnLoadQsKit--> no engine
+//
+// Threads: load, exit and unload run on the event-loop thread; the per-packet entry is called on the capture
+// thread only, between amEngineEnter and amEngineLeave.  The gate is what keeps the two apart: the event-loop
+// thread takes it to clear or publish the entry, and holds no lock while engine code runs there, since an
+// engine may report its last flows from its exit entry.
+#pragma once
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "core/lock.h"
+
+struct capture_flow_info;
+
+// The packet descriptor that the engine takes; the layout is the engine's.
+struct capture_pkt {
+    const uint8_t *data;  // first byte of the packet, its IP header; null for an empty packet
+    uint64_t len;         // the packet attribute's length field: counts its 4-byte header as well
+};
+static_assert(sizeof(void *) != 8 || (sizeof(capture_pkt) == 16 && offsetof(capture_pkt, len) == 8));
+
+using PcapPacketFn = void (*)(const capture_pkt *pkt, const struct timeval *ts);
+using CaptureFlowFn = int (*)(const capture_flow_info *info);
+
+// The engine looks these up by name in the executable: the callback it reports classified flows to, set by
+// main before any engine is loaded, and a slot of its own that the daemon never touches.
+extern "C" __attribute__((visibility("default"))) CaptureFlowFn capture_flow_func;
+extern "C" __attribute__((visibility("default"))) void *pcap;
+
+extern AmMutex amEngineGate;
+extern void *amQsLibHandle;  // event-loop thread only
+extern PcapPacketFn process_pktptr GUARDED_BY(amEngineGate);
+extern int fail;  // how far the last load came: 0 not opened, 1 opened, 2 started, 3 per-packet entry found
+
+// Set while the event-loop thread wants the gate: the capture thread, which holds it for a burst of packets,
+// looks at this before every packet and steps out.
+extern std::atomic<bool> amEngineGateWanted;
+
+// For the event-loop thread, which alone loads and unloads: whether an engine is loaded.
+bool amEngineLoaded();
+
+// -1 when the library file is missing, otherwise 0, also when it could not be opened.  Blocks for at least a
+// second.
+int amLoadQsKit() EXCLUDES(amEngineGate);
+int amQsCleanUp()
+    EXCLUDES(amEngineGate);  // clears the entry first; then the engine's exit entry, if loaded; 1
+int amUnLoadQsKit() EXCLUDES(amEngineGate);  // 1
+
+// The engine step of a kit update: stop, unload, copy the kit's libraries, load, rebuild the active array.
+void dpiQsKitUpdate() EXCLUDES(amEngineGate);

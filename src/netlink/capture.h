@@ -1,0 +1,32 @@
+// The packet-capture thread: waits on the packet socket, walks the ring frame by frame, and hands every
+// mirrored packet to the engine.  It alone reads the ring and the packet socket.
+#pragma once
+#include <libmnl/libmnl.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "kit/engine.h"
+
+// Packet messages accepted, whether or not an engine took them.  Written by the capture thread alone.
+extern std::atomic<uint64_t> amPacketCounter;
+
+// Starts the thread, detached.  Main thread, once, after amCreateNetLinkSockets.
+void amPktCaptureThread();
+
+// Asks the thread to end and waits for it, a few seconds at most: before the sockets close.  Main thread.
+void amStopCaptureThread();
+
+// The thread's body; it returns only when it has been asked to stop.
+void *mainpThread(void *);
+
+// Data callback of the packet socket, run by mnl_cb_run: 1 go on, 0 stop this buffer.  The message is
+// untrusted.
+int packet_cb(const nlmsghdr *nlh, void *data);
+
+// 1 for the packet attribute, which is noted in the capture_pkt given as data; 0 for any other.
+int packet_attr_cb(const nlattr *attr, void *pkt);
+
+// Packet lines of the log, at PACKET.  A packet too short for the header that a line shows gets no line.
+void dump_ipv4(const capture_pkt *pkt);
+void dump_ipv6(const capture_pkt *pkt);

@@ -1,0 +1,96 @@
+// Enforcement flow database: one record per live flow of an enforced application, IPv4 and IPv6 in separate
+// trees, ordered by five-tuple.
+//   absent --classified--> live --kernel reports it aged--> aged --next sweep--> absent
+//                           ^-------- classified again -------'
+// Switching mirroring off empties both trees.  Nothing else bounds them but memory.
+//
+// Threads: the engine's threads insert and renew.  The event-loop thread searches, marks and sweeps, and
+// alone frees.  amEnfFlowLock covers both trees and every field of every record.  Walks of the event-loop
+// thread let go of the lock between records as soon as another thread waits for it.
+#pragma once
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include "appmodel/app_pool.h"
+#include "appmodel/rbt.h"
+#include "core/lock.h"
+
+struct capture_flow_info;
+
+// Addresses in network byte order, ports in host byte order.  Keys compare as bytes, so the padding belongs
+// to the key and stays zero.
+struct AmEnfKey4 {
+    uint32_t fst_ip, secnd_ip;
+    uint16_t fstPort, scndPort;
+    uint8_t proto;  // IP protocol number
+    uint8_t zero[3];
+};
+static_assert(sizeof(AmEnfKey4) == 16 && offsetof(AmEnfKey4, proto) == 12);
+
+struct AmEnfKey6 {
+    in6_addr fst_ip, secnd_ip;
+    uint16_t fstPort, scndPort;
+    uint8_t proto;
+    uint8_t zero[3];
+};
+static_assert(sizeof(AmEnfKey6) == 40 && offsetof(AmEnfKey6, proto) == 36);
+
+template <class Key>
+struct AmEnfFlow {
+    RbtNode node;  // first: the tree hands out RbtNode pointers
+    Key key;
+    uint16_t appId;    // low 16 bits of the engine's id
+    uint16_t aged;     // 0 = live, else the kernel's value
+    time_t startTime;  // seconds since the epoch: created, or renewed after ageing
+};
+using AmEnfFlow4 = AmEnfFlow<AmEnfKey4>;
+using AmEnfFlow6 = AmEnfFlow<AmEnfKey6>;
+static_assert(offsetof(AmEnfFlow4, node) == 0 && offsetof(AmEnfFlow6, node) == 0);
+
+extern AmMutex amEnfFlowLock ACQUIRED_AFTER(amModelLock);
+extern RbtTree amEnfFlowDb GUARDED_BY(amEnfFlowLock);        // of AmEnfFlow4
+extern RbtTree amEnfFlowDb6 GUARDED_BY(amEnfFlowLock);       // of AmEnfFlow6
+extern std::atomic<uint64_t> amFlowCounter, amFlowCounter6;  // records ever inserted
+
+extern uloop_timeout amEnfFlowDbTimer;
+extern int amEnfFlowDbTimerActive;
+
+// Comparators: bytewise over the key.
+int amEnf_key4_compare(const RbtNode *a, const RbtNode *b);
+int amEnf_key6_compare(const RbtNode *a, const RbtNode *b);
+
+// Initialises both trees: main thread, before the capture thread runs.
+void amInitEnfFlowDb() EXCLUDES(amEnfFlowLock);
+
+// Record the flow, or renew its record if that had aged; a live record keeps its application and start time.
+// Always 1: a flow for which there is no memory is logged and left out.  The caller holds amModelLock and has
+// checked the id against the active array, whose names the FLOW lines show.
+int amUpdateEnfFlowDb(const capture_flow_info *info) EXCLUDES(amEnfFlowLock);
+int amUpdateEnfFlowDb6(const capture_flow_info *info) EXCLUDES(amEnfFlowLock);
+
+// The flow's record, null if there is none; a null key is logged and finds nothing.  The database keeps the
+// record, which may go once the lock is released, unless the caller is the event-loop thread.
+[[nodiscard]] AmEnfFlow4 *amSearchEnfFlowDb(const AmEnfKey4 *key) REQUIRES(amEnfFlowLock);
+[[nodiscard]] AmEnfFlow6 *amSearchEnfFlowDb6(const AmEnfKey6 *key) REQUIRES(amEnfFlowLock);
+
+// Event-loop thread: free the aged records, or all of them.
+void amCleanAgedEnfFlowDb() EXCLUDES(amEnfFlowLock);
+void amCleanAgedEnfFlowDb6() EXCLUDES(amEnfFlowLock);
+void amCleanAllEnfFlowDb() EXCLUDES(amEnfFlowLock);
+void amCleanAllEnfFlowDb6() EXCLUDES(amEnfFlowLock);
+
+// Calls `visit` with a copy of every IPv4 record in tree order, outside the lock.  Event-loop thread.
+void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) EXCLUDES(amEnfFlowLock);
+
+// The aging timer, every 5 minutes for the life of the process.
+void amStartEnfFlowDbTimer();
+int amRemoveEnfFlowDbTimer(uloop_timeout *timer);
+void amProcessEnfFlowDbTimer(uloop_timeout *timer);
