@@ -1,0 +1,89 @@
+"""Start-up, shutdown and signals, as an init system sees them."""
+import os
+import signal
+import time
+
+import case
+import world
+
+
+class Start(case.SystemTest):
+    def test_start_line_is_the_first_of_the_log(self):
+        self.world.start()
+        self.assertRegex(self.log(), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \[ERROR\]: korvid start 4MB\n")
+
+    def test_last_bus_socket_counts_and_unknown_options_are_skipped(self):
+        self.world.start_bus()
+        self.world.start_module()
+        daemon = self.world.start_daemon("-x", "-c", "-s", "/tmp/nowhere.sock", "-s", world.BUS_SOCKET)
+        self.assertIn("invalid option -- 'x'", daemon.stderr)
+
+    def test_without_a_bus_it_serves_the_kernel_and_ends_in_order(self):
+        self.world.start_module()
+        daemon = self.world.start_daemon("-s", "/tmp/nowhere.sock", wait=False)
+        world.wait_until(lambda: self.world.module.events("config"), "the registration")
+        self.assertIn("Failed to connect to ubus\n", daemon.stderr)
+        self.assertEqual(daemon.stop(signal.SIGTERM), 0)
+
+    def test_a_name_taken_on_the_bus_leaves_it_running_without_methods(self):
+        self.world.start()
+        second = world.Process("second", ["/usr/bin/env",
+                                          f"LD_PRELOAD={world.BUILD}/platform/kernel/libnetlink26.so",
+                                          world.BUILD / "src/korvid", "-s", world.BUS_SOCKET],
+                               env={"KORVID_DPIMOD_SOCKET": world.MODULE_SOCKET})
+        world.wait_until(lambda: "Failed to add object: Invalid argument\n" in second.stderr, "the message")
+        self.assertTrue(second.running())
+        self.assertEqual(second.stop(), 0)
+
+    def test_without_the_kernel_module_it_ends_with_status_1(self):
+        self.world.start_bus()
+        daemon = self.world.start_daemon("-s", world.BUS_SOCKET, wait=False)
+        self.assertEqual(daemon.wait(), 1)
+        self.assertIn("korvid: open management netlink socket: ", daemon.stderr)
+
+    def test_a_broker_that_dies_later_leaves_it_running(self):
+        self.world.start()
+        self.world.bus.stop(signal.SIGKILL)
+        time.sleep(0.2)
+        self.assertTrue(self.world.daemon.running())
+        self.assertEqual(self.world.daemon.stop(signal.SIGTERM), 0)
+
+    def test_an_unwritable_log_goes_to_standard_error(self):
+        os.mkdir(world.LOG)  # a folder in its place
+        self.world.start()
+        self.assertIn("[ERROR]: korvid start 4MB\n", self.world.daemon.stderr)
+        self.world.daemon.stop()
+        self.assertIn("Error open log file: /var/log/dpi.log\n", self.world.daemon.stdout)
+        os.rmdir(world.LOG)
+
+    def test_interrupt_stops_mirroring_before_the_end(self):
+        self.world.start()
+        self.world.enable()
+        self.assertEqual(self.world.daemon.stop(signal.SIGINT), 0)
+        last = world.wait_until(lambda: self.mirror_states()[-1:] == [0] and self.mirror_states(), "mirroring off")
+        self.assertEqual(last, [1, 0])
+        self.assertIn("signal SIGINT/SIGTERM\n", self.log())
+        self.assertRegex(self.log(), r"recv packet count: 0\n")
+
+    def test_interrupt_counts_while_the_event_loop_is_busy(self):
+        self.world.start()
+        self.world.enable()
+        os.mkfifo("/tmp/never")  # a file server that never answers: the loop waits for the writer
+        self.world.call("CREATEavSignatureProfile", {"username": "u", "password": "p", "filePath": "file:///tmp/never",
+                                                      "fileCheckSum": "0"})
+        began = time.monotonic()
+        self.assertEqual(self.world.daemon.stop(signal.SIGINT), 0)
+        self.assertLess(time.monotonic() - began, 5)
+        world.wait_until(lambda: self.mirror_states()[-1:] == [0], "mirroring off")
+
+    def test_term_during_a_long_start_up_counts(self):
+        world.make_kit(apps={1: "Mail"})
+        world.CONFIG.write_text('{"ApplicationVisbilityProfile": [{"reloadSignFile": "force"}]}')
+        self.world.start_bus()
+        self.world.start_module()
+        daemon = self.world.start_daemon(wait=False)
+        world.wait_until(lambda: "GET md5sum" in self.log(), "the kit's installation")
+        self.assertEqual(daemon.stop(signal.SIGTERM), 0)  # the engine's start alone takes a second
+
+    def mirror_states(self):
+        return [event["state"] for event in self.world.module.events("config") if "state" in event]

@@ -1,0 +1,289 @@
+"""The world around the daemon inside a sandbox: broker, kernel-module stand-in, kit, and the production binary.
+
+Used by the system tests and by the demo; runs inside tools/sandbox, where /flash, /var and /lib are private.
+"""
+import contextlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import time
+
+TREE = pathlib.Path(__file__).resolve().parent.parent
+BUILD = pathlib.Path(os.environ.get("KORVID_BUILD", TREE / "build/release"))
+ENGINES = BUILD / "platform/engine"
+MKKIT = TREE / "platform/engine/mkkit"
+FLASH = pathlib.Path("/flash")
+KIT = FLASH / "HAppSig.upgrade_kit"
+CONFIG = pathlib.Path("/var/config/dpi.conf")
+LOG = pathlib.Path("/var/log/dpi.log")
+REQUEST_LOG = pathlib.Path("/var/log/ubusDpi.log")
+OUT = pathlib.Path("/tmp/out")
+BUS_SOCKET = "/tmp/bus.sock"
+MODULE_CONTROL = "/tmp/dpimod.ctl"
+MODULE_SOCKET = "/run/dpimod.sock"
+CLOCK = pathlib.Path("/tmp/faketime")
+
+# Sanitized and emulated builds run slower; waits are bounds, not delays.
+PATIENCE = float(os.environ.get("KORVID_PATIENCE", "20"))
+
+
+class Failure(Exception):
+    """A call that was answered with success false; the text is the reply's errorMessage."""
+
+
+def wait_until(predicate, what, timeout=None):
+    """Polls until predicate() gives something true, which is returned."""
+    end = time.monotonic() + (timeout or PATIENCE)
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise TimeoutError(f"waited {timeout or PATIENCE:.0f} s for {what}")
+        time.sleep(0.01)
+
+
+def text_of(path):
+    try:
+        return pathlib.Path(path).read_text(errors="replace")
+    except FileNotFoundError:
+        return ""
+
+
+def first_existing(*candidates):
+    for candidate in candidates:
+        if pathlib.Path(candidate).exists():
+            return str(candidate)
+    raise FileNotFoundError(f"none of {', '.join(map(str, candidates))}")
+
+
+def make_kit(output=KIT, engine="scripted", apps=None, ndpi=False, **options):
+    """Builds a kit; apps is {id: name}.  Options are mkkit's: level, version, without, index, numbered."""
+    command = [str(MKKIT), "-o", str(output)]
+    if ndpi:
+        command += ["--ndpi", str(ENGINES)]
+    else:
+        command += ["--engine", str(ENGINES / engine / "libcapture.so")]
+        if apps is not None:
+            command += ["--apps", ";".join(f"{number},{name}" for number, name in apps.items())]
+    for name, value in options.items():
+        for item in value if isinstance(value, (list, tuple)) else [value]:
+            command += [f"--{name}", str(item)]
+    subprocess.run(command, check=True, capture_output=True, text=True)
+
+
+class Process:
+    """A child with its output in files; stop() gives its exit status."""
+
+    def __init__(self, name, command, env=None, **kwargs):
+        OUT.mkdir(exist_ok=True)
+        self.name = name
+        self.stdout_path = OUT / f"{name}.out"
+        self.stderr_path = OUT / f"{name}.err"
+        with open(self.stdout_path, "ab") as out, open(self.stderr_path, "ab") as err:
+            self.child = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=out,
+                                          stderr=err, env={**os.environ, **(env or {})}, **kwargs)
+
+    @property
+    def pid(self):
+        return self.child.pid
+
+    @property
+    def stdout(self):
+        return text_of(self.stdout_path)
+
+    @property
+    def stderr(self):
+        return text_of(self.stderr_path)
+
+    def running(self):
+        return self.child.poll() is None
+
+    def signal(self, number):
+        self.child.send_signal(number)
+
+    def wait(self, timeout=None):
+        return self.child.wait(timeout or PATIENCE)
+
+    def stop(self, number=signal.SIGTERM, timeout=None):
+        if self.running():
+            self.signal(number)
+        try:
+            return self.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.child.kill()
+            self.child.wait()
+            raise
+
+
+class Module(Process):
+    """dpimod, driven over its control socket."""
+
+    def __init__(self, *options, json_file=OUT / "dpimod.json"):
+        self.json_file = pathlib.Path(json_file)
+        with contextlib.suppress(FileNotFoundError):
+            self.json_file.unlink()
+        super().__init__("dpimod", [BUILD / "platform/kernel/dpimod", "--control", MODULE_CONTROL, "--json",
+                                    self.json_file, *options], env={"KORVID_DPIMOD_SOCKET": MODULE_SOCKET})
+        wait_until(lambda: os.path.exists(MODULE_CONTROL) and os.path.exists(MODULE_SOCKET), "dpimod's sockets")
+
+    def command(self, line, timeout=None):
+        """One control command; its JSON answer."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
+            connection.settimeout(timeout or PATIENCE * 3)
+            connection.connect(MODULE_CONTROL)
+            connection.sendall(line.encode() + b"\n")
+            answer = b""
+            while not answer.endswith(b"\n"):
+                piece = connection.recv(1 << 16)
+                if not piece:
+                    break
+                answer += piece
+        reply = json.loads(answer)
+        if reply.get("ok") is False:
+            raise Failure(f"dpimod {line[:80]}: {reply}")
+        return reply
+
+    def events(self, kind=None):
+        """The lines of the JSON file so far, of one kind ("config", "result", "report", ...)."""
+        found = [json.loads(line) for line in text_of(self.json_file).splitlines() if line.endswith("}")]
+        return [event for event in found if kind is None or event.get("event") == kind]
+
+
+class World:
+    """Everything around one daemon; use as a context manager."""
+
+    def __init__(self):
+        self.bus = self.module = self.daemon = None
+
+    def __enter__(self):
+        for folder in ("/flash", "/var/log", "/var/config", "/var/flash", "/tmp/out"):
+            pathlib.Path(folder).mkdir(parents=True, exist_ok=True)
+            for entry in pathlib.Path(folder).iterdir():
+                shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
+        with contextlib.suppress(FileNotFoundError):
+            CLOCK.unlink()
+        return self
+
+    def __exit__(self, *_):
+        for process in (self.daemon, self.module, self.bus):
+            if process and process.running():
+                process.child.kill()
+                process.wait()
+
+    # Starting and stopping.
+
+    def start_bus(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(BUS_SOCKET)
+        ubusd = first_existing(BUILD / "platform/bus/ubusd", "/sbin/ubusd", "/usr/sbin/ubusd")
+        self.bus = Process("ubusd", [ubusd, "-s", BUS_SOCKET])
+        wait_until(lambda: os.path.exists(BUS_SOCKET), "the broker's socket")
+        return self.bus
+
+    def start_module(self, *options):
+        for path in (MODULE_CONTROL, MODULE_SOCKET):
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(path)
+        self.module = Module(*options)
+        return self.module
+
+    def start_daemon(self, *options, wait=True, clock=False, preload=(), env=None, wrapper=()):
+        """Starts korvid.  With clock, its time can be moved with advance()."""
+        libraries = [str(BUILD / "platform/kernel/libnetlink26.so"), *preload]
+        environment = {"KORVID_DPIMOD_SOCKET": MODULE_SOCKET, **(env or {})}
+        if clock:
+            libraries.append(first_existing("/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
+                                            "/usr/lib/aarch64-linux-gnu/faketime/libfaketimeMT.so.1"))
+            self.offset = 0
+            CLOCK.write_text("+0")
+            environment |= {"FAKETIME_TIMESTAMP_FILE": str(CLOCK), "FAKETIME_NO_CACHE": "1"}
+        command = [BUILD / "src/korvid", *(options or ("-s", BUS_SOCKET))]
+        # Only the daemon is preloaded, not a program that wraps it.
+        self.daemon = Process("korvid", [*wrapper, "/usr/bin/env", "LD_PRELOAD=" + ":".join(libraries), *command],
+                              env=environment)
+        if wait:
+            wait_until(lambda: not self.daemon.running() or self.is_serving(), "the daemon to serve")
+            if not self.daemon.running():
+                raise RuntimeError(f"korvid ended with {self.daemon.wait()}: {self.daemon.stderr[-2000:]}")
+        return self.daemon
+
+    def start(self, *module_options, **daemon_options):
+        self.start_bus()
+        self.start_module(*module_options)
+        self.start_daemon(**daemon_options)
+        return self
+
+    def restart_daemon(self, *options, **keywords):
+        self.daemon.stop()
+        return self.start_daemon(*options, **keywords)
+
+    # The bus.
+
+    def ubus(self, *words, timeout=30):
+        tool = first_existing(BUILD / "platform/bus/ubus", "/bin/ubus", "/usr/bin/ubus")
+        return subprocess.run([tool, "-s", BUS_SOCKET, "-S", "-t", str(timeout), *words], capture_output=True,
+                              text=True, check=False)
+
+    def is_serving(self):
+        return self.ubus("call", "dpi", "SetavDebugSettings", timeout=1).returncode == 0
+
+    def reply(self, method, arguments=None, timeout=30):
+        """The whole reply of a method."""
+        done = self.ubus("call", "dpi", method, json.dumps(arguments or {}), timeout=timeout)
+        if done.returncode != 0:
+            raise RuntimeError(f"ubus call {method}: status {done.returncode} {done.stderr}")
+        return json.loads(done.stdout)
+
+    def call(self, method, arguments=None, timeout=30):
+        """A call that must succeed."""
+        reply = self.reply(method, arguments, timeout)
+        if not reply["success"]:
+            raise Failure(reply["error"]["errorMessage"])
+        return reply["result"]
+
+    # Things that tests do all the time.
+
+    def install_kit(self, **kit):
+        """Builds a kit and has it installed; returns once the engine is in."""
+        make_kit(**kit)
+        self.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
+        self.settle()
+
+    def settle(self):
+        """Returns when the daemon has served all that was asked of it before."""
+        self.call("SetavDebugSettings", {})
+
+    def enable(self):
+        self.call("SETappMonAdminState", {"adminState": "enable"})
+
+    def disable(self):
+        self.call("SETappMonAdminState", {"adminState": "disable"})
+
+    def log_level(self, level, **flags):
+        self.call("SetavDebugSettings", {"logLevel": level, **flags})
+
+    def dump(self, what="yes"):
+        """A debug dump's log lines, without their heads."""
+        before = len(text_of(LOG))
+        self.call("SetavDebugSettings", {"debugPrintDb": what})
+        return re.sub(r"^\S+ \S+ \[\w*\]: ", "", text_of(LOG)[before:], flags=re.M)
+
+    def advance(self, seconds):
+        """Moves the daemon's clocks on and has it notice."""
+        self.offset += seconds
+        temporary = CLOCK.with_suffix(".new")
+        temporary.write_text(f"+{self.offset}")
+        os.replace(temporary, CLOCK)
+        self.settle()
+        self.settle()
+
+    def status(self, field):
+        """A field of the daemon's /proc status, in kB for sizes."""
+        found = re.search(rf"^{field}:\s+(\d+)", text_of(f"/proc/{self.daemon.pid}/status"), re.M)
+        return int(found.group(1))
