@@ -41,15 +41,32 @@ extern int fail;  // how far the last load came: 0 not opened, 1 opened, 2 start
 // looks at this before every packet and steps out.
 extern std::atomic<bool> amEngineGateWanted;
 
+// Capture thread: hold the gate over a burst of packets, and let go of it before waiting for the next.  A
+// wish of the event-loop thread goes first in either case: the gate is unfair, so a thread that lets go and
+// comes straight back would keep the other out for as long as packets come.
+void amEngineEnter() ACQUIRE(amEngineGate);
+void amEngineLeave() RELEASE(amEngineGate);
+void amEngineStepAside() REQUIRES(amEngineGate);  // returns with the gate held, the wish served
+
+// Before every packet; process_pktptr is read after it.  One relaxed load while nobody wants the gate.
+inline void amEngineYield() REQUIRES(amEngineGate)
+{
+    if (amEngineGateWanted.load(std::memory_order_relaxed)) [[unlikely]]
+        amEngineStepAside();
+}
+
 // For the event-loop thread, which alone loads and unloads: whether an engine is loaded.
 bool amEngineLoaded();
 
-// -1 when the library file is missing, otherwise 0, also when it could not be opened.  Blocks for at least a
-// second.
+// -1 when the library file is missing, and nothing has changed; otherwise 0, also when it could not be
+// opened. Blocks for at least a second.  The file is gone afterwards.
 int amLoadQsKit() EXCLUDES(amEngineGate);
-int amQsCleanUp()
-    EXCLUDES(amEngineGate);  // clears the entry first; then the engine's exit entry, if loaded; 1
-int amUnLoadQsKit() EXCLUDES(amEngineGate);  // 1
+
+// Takes the entry away from the capture thread, then runs the engine's exit entry, if one is loaded; 1.
+int amQsCleanUp() EXCLUDES(amEngineGate);
+
+// Unloads the library; 1, also when the loader could not: its handle is forgotten all the same.
+int amUnLoadQsKit() EXCLUDES(amEngineGate);
 
 // The engine step of a kit update: stop, unload, copy the kit's libraries, load, rebuild the active array.
 void dpiQsKitUpdate() EXCLUDES(amEngineGate);
