@@ -4,7 +4,8 @@
 // on a list.
 //
 // Results are 1 for success and 0 for failure; failures are logged, nothing is rolled back.
-// Threads: the event-loop thread only; changes of the active array are made under amModelLock.
+// Threads: the event-loop thread only, and groups need no lock.  Entries of the active array are changed
+// under amModelLock, one entry at a time, so that the classification callback never waits for a whole list.
 #pragma once
 #include <cstdint>
 
@@ -50,7 +51,7 @@ int amClearAppMonList() EXCLUDES(amModelLock);  // always 1
 int amClearAppEnfList() EXCLUDES(amModelLock);  // always 1
 
 // Frees every group and member; marks of the active array stay as they are.
-void amCleanAppGroup() EXCLUDES(amModelLock);
+void amCleanAppGroup();
 
 // To the log at INFO.
 void debugPrintAppGrp();

@@ -2,8 +2,9 @@
 // active array, indexed by application id, that says which applications are on which list and through which
 // group.
 //
-//   pool node: index line names it --> valid --> marked obsolete before the next index is read --> revived or
-//   freed active array: none before the first kit; freed and built anew by every kit update
+//   pool node:    index line names it --> valid --> marked obsolete before the next index is read --> revived
+//                 or freed
+//   active array: none before the first kit; freed and built anew by every kit update
 //
 // Threads: changed on the event-loop thread only.  That thread, the sole writer, reads without a lock and
 // writes under amModelLock held exclusively; the classification callback reads under it, shared, for its
@@ -42,6 +43,7 @@ struct AmActiveApp {
     uint8_t isEnforcement;  // 0 or 1
     uint8_t isPartOfGroup;  // 1 while grpName is set
 };
+static_assert(sizeof(AmActiveApp) == 80 && std::atomic<uint32_t>::is_always_lock_free);
 
 extern AmSharedMutex amModelLock;
 
@@ -71,13 +73,19 @@ void amCleanAppPool();         // after: frees what the index no longer names
 // Builds the zeroed array for ids 0 to amAppPoolShmSigCnt, replacing any, and writes the pool's names into
 // it. Without memory the array stays absent.  `op` and `line` head the log lines.
 void amRebuildActiveAppArray(const char *op, int line) EXCLUDES(amModelLock);
-void amUpdateActiveAppListArray() REQUIRES(amModelLock);
+
+// Writes the pool's names into the array.  An application kept from an earlier kit whose id lies beyond the
+// new index has no entry and is logged.
+void amUpdateActiveAppListArray() EXCLUDES(amModelLock);
+
 void amCleanAppList() EXCLUDES(amModelLock);  // frees the array
 void amCleanAppData() EXCLUDES(amModelLock);  // amCleanAppGroup, then amCleanAppList
 
 // The array's entry of that id, or null when there is no array or no such entry.  Event-loop thread, or under
 // amModelLock.
-AmActiveApp *amActiveApp(uint32_t appId);
+inline AmActiveApp *amActiveApp(uint32_t appId) {
+    return amActData && appId < amMaxAppIdCount ? amActData + appId : nullptr;
+}
 
 // The names that a record or a debug line shows for an application on a list, "-" for each that does not
 // apply. Outputs are zeroed buffers of at least 33 and 41 bytes.  Event-loop thread.  Returns grpNameOut.

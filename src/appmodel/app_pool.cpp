@@ -1,0 +1,146 @@
+#include "appmodel/app_pool.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "appmodel/app_lists.h"
+#include "core/log.h"
+#include "core/text.h"
+
+constinit AmSharedMutex amModelLock;
+constinit RbtTree amAppPoolTree{};
+constinit int32_t amAppPoolShmSigCnt = 0;
+constinit AmActiveApp *amActData = nullptr;
+constinit uint32_t amMaxAppIdCount = 0;
+
+namespace {
+
+const AmAppNode *appOf(const RbtNode *node) {
+    return reinterpret_cast<const AmAppNode *>(node);
+}
+
+AmAppNode *appOf(RbtNode *node) {
+    return reinterpret_cast<AmAppNode *>(node);
+}
+
+// Swaps the array for `entries`, which may be null, and hands back the one that was there: freeing it is left
+// to the caller, outside the lock.
+AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock)
+{
+    const AmGuard guard(amModelLock);
+    amMaxAppIdCount = count;
+    return std::exchange(amActData, entries);
+}
+
+bool groupIsOnList(const AmActiveApp &app, uint32_t listType) {
+    char name[kGroupNameSize + 1];
+    am::copyText(name, am::fieldText(app.grpName));
+    const AmAppGrp *group = amFindGrpNode(&amAppGrpTree, name);
+    if (!group) return false;
+    return (listType == AM_LIST_ENFORCEMENT ? group->isEnforcement : group->isMonitoring) == 1;
+}
+
+}  // namespace
+
+int amAppPoolNameCompare(const RbtNode *a, const RbtNode *b) {
+    return strncmp(appOf(a)->name, appOf(b)->name, kAppNameSize);
+}
+
+AmAppNode *getAppNode(const char *name) {
+    AmAppNode probe{};
+    am::copyText(probe.name, name);
+    return appOf(rbtFind(&amAppPoolTree, &probe.node));
+}
+
+AmAppNode *amIsAppNameValid(const char *name) {
+    return name ? getAppNode(name) : nullptr;
+}
+
+AmAppNode *amGetNextAppNode(const AmAppNode *node) {
+    return appOf(node ? rbtNext(&amAppPoolTree, &node->node) : rbtFirst(&amAppPoolTree));
+}
+
+int amUpdateAppPool(const AmAppNode *record) {
+    AmAppNode *app = amIsAppNameValid(record->name);
+    if (record->appId > amAppPoolShmSigCnt) amAppPoolShmSigCnt = record->appId;
+    if (app) {
+        app->state = AM_APP_VALID;
+        return 1;
+    }
+    app = new (std::nothrow) AmAppNode(*record);
+    if (!app) {
+        amLog(AM_LOG_ERROR, "%s:%d malloc error\n", __func__, __LINE__);
+        return 0;
+    }
+    app->state = AM_APP_VALID;
+    rbtInsert(&amAppPoolTree, &app->node);
+    return 1;
+}
+
+void amAppPoolMarkObsolete() {
+    for (AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app))
+        app->state = AM_APP_OBSOLETE;
+}
+
+void amCleanAppPool() {
+    for (AmAppNode *app = amGetNextAppNode(nullptr), *next; app; app = next) {
+        next = amGetNextAppNode(app);
+        if (app->state != AM_APP_OBSOLETE) {
+            app->state = AM_APP_VALID;
+            continue;
+        }
+        rbtRemove(&amAppPoolTree, &app->node);
+        delete app;
+    }
+}
+
+void amRebuildActiveAppArray(const char *op, int line) {
+    const auto count = static_cast<uint32_t>(amAppPoolShmSigCnt + 1);
+    // The allocator's zero pages: an index with one high id costs no memory for the ids that it leaves out.
+    auto *entries = static_cast<AmActiveApp *>(calloc(count, sizeof(AmActiveApp)));
+    free(exchangeArray(entries, count));
+    amLog(AM_LOG_DEBUG, "%s:%d amMaxAppIdCount %d amAppPoolShmSigCnt %d\n", op, line, static_cast<int>(count),
+          amAppPoolShmSigCnt);
+    if (!entries) {
+        amLog(AM_LOG_ERROR, "%s:%d Malloc failed for Monitor active list!!\n", op, line);
+        return;
+    }
+    amUpdateActiveAppListArray();
+}
+
+void amUpdateActiveAppListArray() {
+    for (const AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app)) {
+        AmActiveApp *entry = amActiveApp(app->appId);
+        if (!entry) {
+            amLog(AM_LOG_INFO, "%s:%d appId %d amMaxAppIdCount %d\n", __func__, __LINE__, app->appId,
+                  static_cast<int>(amMaxAppIdCount));
+            continue;
+        }
+        const AmGuard guard(amModelLock);
+        am::copyField(entry->appName, am::fieldText(app->name));
+    }
+}
+
+void amCleanAppList() {
+    free(exchangeArray(nullptr, amMaxAppIdCount));
+}
+
+void amCleanAppData() {
+    amCleanAppGroup();
+    amCleanAppList();
+}
+
+char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType) {
+    strcpy(appNameOut, "-");
+    strcpy(grpNameOut, "-");
+    const AmActiveApp *app = amActiveApp(appId);
+    if (!app || (listType != AM_LIST_MONITORING && listType != AM_LIST_ENFORCEMENT)) return grpNameOut;
+    if (!(listType == AM_LIST_ENFORCEMENT ? app->isEnforcement : app->isMonitoring)) return grpNameOut;
+
+    strncpy(appNameOut, app->appName, kAppNameSize);
+    if (app->isPartOfGroup && groupIsOnList(*app, listType))
+        strncpy(grpNameOut, app->grpName, kGroupNameSize);
+    return grpNameOut;
+}
