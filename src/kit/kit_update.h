@@ -1,7 +1,12 @@
 // Validates the kit on flash, decides by its MD5 digest whether it has to be installed, and installs it. File
 // work is done by shell commands.  Everything runs on the event-loop thread and blocks it while it lasts.
 //
-// Results are 1 for success (of the change check: install) and 0 for failure (unchanged).
+//   kit on flash --dpiValidateKit--> staged copy --amUpdateKit--> pool, engine and array of the new kit
+//                                        '--- unchanged: amCleanUpdateKit ---> wiped
+//
+// The test extraction of a kit that was refused stays until the scratch area is wiped; otherwise nothing
+// does. Results are 1 for success (of the change check: install) and 0 for failure (unchanged).  Failures are
+// logged and end their sequence; nothing is rolled back.
 #pragma once
 #include <cstdint>
 
@@ -18,5 +23,21 @@ void amUpdateKit();       // installs the staged kit; reports through the log on
 void amCleanUpdateKit();  // wipes the scratch areas
 int amCopyLibsSo();       // the installed kit's libraries into /lib
 
-// The exit code of a command run with system(), or -1 when it did not end normally or could not be started.
-int decodeSystemResult(int status);
+// Steps of the validation.
+int amIsUpgradeKitPresent();
+int fileExists(const char *path);
+int amCheckFlashSpace(const char *path);         // whether the scratch area has room for as much as this file
+uint64_t amGetFreeFlashSpace(const char *path);  // bytes; 0 when it cannot be told
+int amCheckIfKitValid();                         // extracts the kit on flash into kKitTestDir
+void amCleanUpKitTest();
+int amCopyNewKit();
+
+// Steps of the change check.  Digests are of 16 bytes; results are 0, or -1 without a digest.
+int amcGetKitMd5sum();  // of the kit on flash, into CurMd5Sum, which is zero when there is none
+int amcCompareKit(uint8_t *digest);
+int amcMd5SigKitDigest(const char *path, uint8_t *digest);
+void dumpMd5String(const uint8_t *digest);
+
+// Extracts the staged kit; from kKitFromFactory the factory's kit is staged first.
+enum KitSource : int { kKitFromFactory = 1, kKitStaged = 2 };
+int amUnzipKit(int source);
