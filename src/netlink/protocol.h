@@ -13,8 +13,8 @@
 #include <cstdint>
 
 inline constexpr int AM_NETLINK_PROTO = 26;
-inline constexpr size_t kMessageSize =
-    4096;  // bytes: every buffer, outgoing and incoming, and every ring frame
+inline constexpr size_t kMessageSize = 4096;      // bytes: every buffer, in and out, and every ring frame
+inline constexpr unsigned kFamilyHeaderSize = 4;  // bytes between the netlink header and the attributes
 
 enum DpiMsg : uint16_t {
     DPI_MSG_CONFIG = 21,  // registration of the packet socket, or the mirror settings
@@ -81,6 +81,17 @@ enum DpiStaReportAttr : uint16_t {
 // IPv4 unless another family is named.
 nlmsghdr *amNlmsgPutDpiHeader(void *buffer, uint16_t type);
 nlmsghdr *amNlmsgPutDpiHeader(void *buffer, uint16_t type, uint8_t family);
+
+namespace am {
+
+// The two forms of DPI_MSG_CONFIG, built at the start of a zero-filled buffer of kMessageSize bytes.
+const nlmsghdr *buildPktPortId(void *buffer, uint32_t portid);
+const nlmsghdr *buildMirrorConfig(void *buffer, int state);
+
+// One datagram to the kernel: what the send returned, bytes or negative; a null socket is a bad descriptor.
+ssize_t sendMessage(const mnl_socket *socket, const nlmsghdr *message);
+
+}  // namespace am
 
 // Build and send a DPI_MSG_CONFIG to the kernel: what the send returned, bytes or negative.  Any thread.
 ssize_t amSendPktPortId(const mnl_socket *socket, uint32_t portid);

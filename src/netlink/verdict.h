@@ -3,10 +3,14 @@
 // Threads: the callback runs on whatever thread the engine calls it from, mostly the capture thread, also on
 // the event-loop thread from the engine's exit entry.  It holds amModelLock shared for its whole run.
 #pragma once
+#include <libmnl/libmnl.h>
 #include <netinet/in.h>
 
 #include <cstddef>
 #include <cstdint>
+
+#include "appmodel/app_pool.h"
+#include "core/text.h"
 
 // What the engine hands over, one per classified flow.  The layout is the engine's; integers in host order
 // unless stated.
@@ -35,9 +39,33 @@ static_assert(sizeof(capture_flow_info) == 340 && offsetof(capture_flow_info, sr
 // One result message for every flow of a known family and an id in range while mirroring is on; a record in
 // the enforcement flow database, a monitoring entry and a count where the application's lists say so.  Always
 // 0. Exported for engines that look the function up rather than the pointer capture_flow_func.
-extern "C" __attribute__((visibility("default"))) int am_capture_flow_func(const capture_flow_info *info);
+extern "C" __attribute__((visibility("default"))) int am_capture_flow_func(const capture_flow_info *info)
+    EXCLUDES(amModelLock);
 
 // Sends the result message and, with a match, records the flow, whether or not the send succeeded.  Always 1.
 // Called by the callback, which holds amModelLock and has checked the id.
 int amSendResultMessage(const capture_flow_info *info, unsigned match);
 int amSendResultMessage6(const capture_flow_info *info, unsigned match);
+
+namespace am {
+
+// The application's name as log lines show it, terminated; empty without an entry.
+struct AppNameText {
+    char text[kAppNameSize + 1];
+};
+inline AppNameText appNameText(const AmActiveApp *app) {
+    AppNameText out{};
+    if (app) copyText(out.text, fieldText(app->appName));
+    return out;
+}
+
+inline constexpr size_t kResultSize = 256;  // bytes: no result message is longer
+
+// Build the message in a zero-filled, aligned buffer of kResultSize bytes.  `app` is looked at with a match
+// only; names that are absent are sent empty.
+const nlmsghdr *buildResultMessage(void *buffer, const capture_flow_info &info, unsigned match,
+                                   const AmActiveApp *app);
+const nlmsghdr *buildResultMessage6(void *buffer, const capture_flow_info &info, unsigned match,
+                                    const AmActiveApp *app);
+
+}  // namespace am

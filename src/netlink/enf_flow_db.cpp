@@ -1,0 +1,326 @@
+#include "netlink/enf_flow_db.h"
+
+#include <bit>
+#include <cinttypes>
+#include <cstring>
+#include <new>
+
+#include "core/armed_timer.h"
+#include "core/log.h"
+#include "core/text.h"
+#include "netlink/capture.h"
+#include "netlink/record_slab.h"
+#include "netlink/sockets.h"
+#include "netlink/verdict.h"
+
+constinit AmMutex amEnfFlowLock;
+constinit RbtTree amEnfFlowDb{};
+constinit RbtTree amEnfFlowDb6{};
+constinit std::atomic<uint64_t> amFlowCounter{0}, amFlowCounter6{0};
+uloop_timeout amEnfFlowDbTimer = {.list = {}, .pending = false, .cb = amProcessEnfFlowDbTimer, .time = {}};
+constinit int amEnfFlowDbTimerActive = 0;
+
+namespace {
+
+constexpr int kAgingPeriod = 300'000;  // milliseconds
+
+constinit am::RecordSlab records4 GUARDED_BY(amEnfFlowLock)
+{sizeof(AmEnfFlow4)};
+constinit am::RecordSlab records6 GUARDED_BY(amEnfFlowLock)
+{sizeof(AmEnfFlow6)};
+static_assert(sizeof(void *) != 8 || sizeof(AmEnfFlow4) == 64);  // one cache line
+
+// Bytes in the order of memory, compared eight at a time.
+uint64_t bigEndianAt(const void *bytes) {
+    uint64_t word;
+    memcpy(&word, bytes, sizeof word);
+    if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
+    return word;
+}
+
+int order(uint64_t a, uint64_t b) {
+    return (a > b) - (a < b);
+}
+
+// The last eight bytes of either key: ports, protocol and three bytes that are not part of the order.
+uint64_t tailAt(const void *bytes) {
+    return bigEndianAt(bytes) >> 24;
+}
+
+// All that differs between the families.
+struct V4 {
+    using Key = AmEnfKey4;
+    using Flow = AmEnfFlow4;
+    static constexpr const char *kUpdate = "amUpdateEnfFlowDb";
+    static constexpr const char *kSearch = "amSearchEnfFlowDb";
+    static constexpr const char *kNullKey = "%s:%d k4 null !!\n";
+    static RbtTree &tree() REQUIRES(amEnfFlowLock)
+    { return amEnfFlowDb; }
+    static am::RecordSlab &records() REQUIRES(amEnfFlowLock)
+    { return records4; }
+    static std::atomic<uint64_t> &counter() { return amFlowCounter; }
+    static void setAddresses(Key &key, const capture_flow_info &info) {
+        key.fst_ip = info.src_ip;
+        key.secnd_ip = info.dst_ip;
+    }
+    static void logFlow(const capture_flow_info &info, const Key &key, const char *name);
+};
+
+struct V6 {
+    using Key = AmEnfKey6;
+    using Flow = AmEnfFlow6;
+    static constexpr const char *kUpdate = "amUpdateEnfFlowDb6";
+    static constexpr const char *kSearch = "amSearchEnfFlowDb6";
+    static constexpr const char *kNullKey = "%s:%d k6 null !!\n";
+    static RbtTree &tree() REQUIRES(amEnfFlowLock)
+    { return amEnfFlowDb6; }
+    static am::RecordSlab &records() REQUIRES(amEnfFlowLock)
+    { return records6; }
+    static std::atomic<uint64_t> &counter() { return amFlowCounter6; }
+    static void setAddresses(Key &key, const capture_flow_info &info) {
+        key.fst_ip = info.src_ip6;
+        key.secnd_ip = info.dst_ip6;
+    }
+    static void logFlow(const capture_flow_info &info, const Key &key, const char *name);
+};
+
+// The lock is not fair: a walk that lets go of it and comes straight back would keep others out all the same.
+// So who finds it taken holds the turnstile while it waits, and says so; the walk lets go, and queues at the
+// turnstile behind it.
+constinit AmMutex turnstile ACQUIRED_BEFORE(amEnfFlowLock);
+constinit std::atomic<bool> lockWanted{false};
+
+void lockBeforeWalks() ACQUIRE(amEnfFlowLock)
+{
+    if (amEnfFlowLock.tryLock()) return;
+    const AmGuard first(turnstile);
+    lockWanted.store(true, std::memory_order_relaxed);
+    amEnfFlowLock.lock();
+    lockWanted.store(false, std::memory_order_relaxed);
+}
+
+// Between two records of a walk.
+void letOthersIn() REQUIRES(amEnfFlowLock)
+{
+    if (!lockWanted.load(std::memory_order_relaxed)) return;
+    amEnfFlowLock.unlock();
+    turnstile.lock();
+    turnstile.unlock();
+    amEnfFlowLock.lock();
+}
+
+template <class Flow>
+Flow *asFlow(RbtNode *node) {
+    return reinterpret_cast<Flow *>(node);
+}
+
+// Not the whole struct: where a queue entry serves as the key, its own data lies in the padding.
+template <class Key>
+void copyFields(Key &to, const Key &from) {
+    to.fst_ip = from.fst_ip;
+    to.secnd_ip = from.secnd_ip;
+    to.fstPort = from.fstPort;
+    to.scndPort = from.scndPort;
+    to.proto = from.proto;
+}
+
+void activate(auto &flow, const capture_flow_info &info) {
+    flow.appId = static_cast<uint16_t>(info.app_id);
+    flow.aged = 0;
+    flow.startTime = time(nullptr);
+}
+
+// False when there is no memory for a new record.
+template <class Ip>
+bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUIRES(amEnfFlowLock)
+{
+    using Flow = typename Ip::Flow;
+    if (auto *known = asFlow<Flow>(rbtFind(&Ip::tree(), &probe.node))) {
+        if (known->aged != 0) activate(*known, info);
+        return true;
+    }
+    void *slot = Ip::records().take();
+    if (!slot) return false;
+    auto *flow = new (slot) Flow(probe);
+    activate(*flow, info);
+    rbtInsert(&Ip::tree(), &flow->node);
+    // Written under the lock only.
+    Ip::counter().store(Ip::counter().load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return true;
+}
+
+template <class Ip>
+int update(const capture_flow_info *info) EXCLUDES(amEnfFlowLock)
+{
+    typename Ip::Flow probe{};
+    Ip::setAddresses(probe.key, *info);
+    probe.key.fstPort = static_cast<uint16_t>(info->src_port);
+    probe.key.scndPort = static_cast<uint16_t>(info->dst_port);
+    probe.key.proto = static_cast<uint8_t>(info->proto);
+
+    lockBeforeWalks();
+    const bool recorded = record<Ip>(probe, *info);
+    amEnfFlowLock.unlock();
+    if (!recorded) {
+        amLog(AM_LOG_ERROR, "%s:%d malloc failed !!\n", Ip::kUpdate, __LINE__);
+        return 1;
+    }
+    if (flow_debug.load(std::memory_order_relaxed) != 0)
+        Ip::logFlow(*info, probe.key, am::appNameText(amActiveApp(info->app_id)).text);
+    return 1;
+}
+
+void V4::logFlow(const capture_flow_info &info, const Key &key, const char *name) {
+    const am::AddressText source = am::addressText(info.src_ip);
+    const am::AddressText destination = am::addressText(info.dst_ip);
+    // The addresses compare as they lie in memory, whatever the byte order of the machine.
+    if (info.src_ip < info.dst_ip)
+        amLog(AM_LOG_FLOW,
+              "fst_ip: %s, secnd_ip: %s, fstPort: %u, scndPort: %u, l4 proto: %u App-Id %d App-Name %s Same "
+              "srcIp %x dstIp %x\n",
+              source.text, destination.text, key.fstPort, key.scndPort, key.proto, info.app_id, name,
+              info.src_ip, info.dst_ip);
+    else
+        amLog(AM_LOG_FLOW,
+              "fst_ip: %s, secnd_ip: %s, fstPort: %u, scndPort: %u, l4 proto: %u App-Id %d App-Name %s Diff "
+              "srcIp %x dstIp %x\n",
+              destination.text, source.text, key.scndPort, key.fstPort, key.proto, info.app_id, name,
+              info.src_ip, info.dst_ip);
+}
+
+void V6::logFlow(const capture_flow_info &info, const Key &key, const char *name) {
+    // Of each address, the last 32 bits as they lie in memory.
+    uint32_t source, destination;
+    memcpy(&source, &key.fst_ip.s6_addr[12], sizeof source);
+    memcpy(&destination, &key.secnd_ip.s6_addr[12], sizeof destination);
+    amLog(AM_LOG_FLOW,
+          "amUpdateEnfFlowDb6 fst_ip: %s, secnd_ip: %s, fstPort: %u, scndPort: %u, l4 proto: %u App-Id %d "
+          "App-Name %s Same srcIp %x dstIp %x\n",
+          am::addressText(key.fst_ip).text, am::addressText(key.secnd_ip).text, key.fstPort, key.scndPort,
+          key.proto, info.app_id, name, source, destination);
+}
+
+template <class Ip>
+typename Ip::Flow *search(const typename Ip::Key *key) REQUIRES(amEnfFlowLock)
+{
+    if (!key) {
+        amLog(AM_LOG_ERROR, Ip::kNullKey, Ip::kSearch, __LINE__);
+        return nullptr;
+    }
+    typename Ip::Flow probe{};
+    copyFields(probe.key, *key);
+    return asFlow<typename Ip::Flow>(rbtFind(&Ip::tree(), &probe.node));
+}
+
+enum class Sweep { aged, all };
+
+// Only this thread removes, so the record that the walk stands on, and its successor, outlive the moments
+// without the lock.  Records that come in meanwhile are met or missed, as their place in the order has it.
+template <class Ip>
+void sweep(Sweep which) EXCLUDES(amEnfFlowLock)
+{
+    const AmGuard guard(amEnfFlowLock);
+    RbtTree &tree = Ip::tree();
+    for (RbtNode *node = rbtFirst(&tree); node;) {
+        RbtNode *next = rbtNext(&tree, node);
+        auto *flow = asFlow<typename Ip::Flow>(node);
+        if (which == Sweep::all || flow->aged != 0) {
+            rbtRemove(&tree, node);
+            Ip::records().give(flow);
+        }
+        node = next;
+        letOthersIn();
+    }
+}
+
+}  // namespace
+
+int amEnf_key4_compare(const RbtNode *a, const RbtNode *b) {
+    const AmEnfKey4 &one = reinterpret_cast<const AmEnfFlow4 *>(a)->key;
+    const AmEnfKey4 &other = reinterpret_cast<const AmEnfFlow4 *>(b)->key;
+    const int addresses = order(bigEndianAt(&one), bigEndianAt(&other));
+    return addresses != 0 ? addresses : order(tailAt(&one.fstPort), tailAt(&other.fstPort));
+}
+
+int amEnf_key6_compare(const RbtNode *a, const RbtNode *b) {
+    const AmEnfKey6 &one = reinterpret_cast<const AmEnfFlow6 *>(a)->key;
+    const AmEnfKey6 &other = reinterpret_cast<const AmEnfFlow6 *>(b)->key;
+    const auto *left = reinterpret_cast<const char *>(&one);
+    const auto *right = reinterpret_cast<const char *>(&other);
+    for (size_t at = 0; at < offsetof(AmEnfKey6, fstPort); at += sizeof(uint64_t))
+        if (const int addresses = order(bigEndianAt(left + at), bigEndianAt(right + at))) return addresses;
+    return order(tailAt(&one.fstPort), tailAt(&other.fstPort));
+}
+
+void amInitEnfFlowDb() {
+    const AmGuard guard(amEnfFlowLock);
+    rbtInit(&amEnfFlowDb, amEnf_key4_compare);
+    rbtInit(&amEnfFlowDb6, amEnf_key6_compare);
+}
+
+int amUpdateEnfFlowDb(const capture_flow_info *info) {
+    return update<V4>(info);
+}
+
+int amUpdateEnfFlowDb6(const capture_flow_info *info) {
+    return update<V6>(info);
+}
+
+AmEnfFlow4 *amSearchEnfFlowDb(const AmEnfKey4 *key) {
+    return search<V4>(key);
+}
+
+AmEnfFlow6 *amSearchEnfFlowDb6(const AmEnfKey6 *key) {
+    return search<V6>(key);
+}
+
+void amCleanAgedEnfFlowDb() {
+    sweep<V4>(Sweep::aged);
+}
+
+void amCleanAgedEnfFlowDb6() {
+    sweep<V6>(Sweep::aged);
+}
+
+void amCleanAllEnfFlowDb() {
+    sweep<V4>(Sweep::all);
+}
+
+void amCleanAllEnfFlowDb6() {
+    sweep<V6>(Sweep::all);
+}
+
+void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
+    RbtNode *node = nullptr;
+    for (bool first = true;; first = false) {
+        AmEnfFlow4 copy;
+        {
+            const AmGuard guard(amEnfFlowLock);
+            node = first ? rbtFirst(&amEnfFlowDb) : rbtNext(&amEnfFlowDb, node);
+            if (!node) return;
+            copy = *asFlow<AmEnfFlow4>(node);
+        }
+        visit(copy);
+    }
+}
+
+void amStartEnfFlowDbTimer() {
+    am::startArmedTimer(amEnfFlowDbTimer, amEnfFlowDbTimerActive, kAgingPeriod);
+}
+
+int amRemoveEnfFlowDbTimer(uloop_timeout *timer) {
+    return am::removeArmedTimer(*timer, amEnfFlowDbTimerActive);
+}
+
+void amProcessEnfFlowDbTimer(uloop_timeout *) {
+    amStartEnfFlowDbTimer();
+    if (amAdminState.load(std::memory_order_relaxed) == 1) {
+        amCleanAgedEnfFlowDb();
+        amCleanAgedEnfFlowDb6();
+    }
+    amLog(AM_LOG_DEBUG,
+          "Packet Counter [%" PRIu64 "] : Flow4 Counter [%" PRIu64 "] : Flow6 Counter [%" PRIu64
+          "] : Stats Counter [%" PRIu64 "]\n",
+          amPacketCounter.load(std::memory_order_relaxed), amFlowCounter.load(std::memory_order_relaxed),
+          amFlowCounter6.load(std::memory_order_relaxed), amStatsCounter.load(std::memory_order_relaxed));
+}
