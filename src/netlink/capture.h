@@ -21,8 +21,8 @@ void amStopCaptureThread();
 void *mainpThread(void *);
 
 // Data callback of the packet socket, run by mnl_cb_run: 1 go on, 0 stop this buffer.  The message is
-// untrusted.
-int packet_cb(const nlmsghdr *nlh, void *data);
+// untrusted.  Lets the event-loop thread take the gate first if that wants it.
+int packet_cb(const nlmsghdr *nlh, void *data) REQUIRES(amEngineGate);
 
 // 1 for the packet attribute, which is noted in the capture_pkt given as data; 0 for any other.
 int packet_attr_cb(const nlattr *attr, void *pkt);

@@ -14,6 +14,7 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "appmodel/app_pool.h"
 #include "core/lock.h"
 
 extern mnl_socket *control_nls;
@@ -22,7 +23,7 @@ extern uint32_t control_portid;  // the process id
 extern uint32_t packet_portid;   // the process id with bit 16 set
 extern uloop_fd mgmt_fd;
 
-// 1 = mirroring enabled.  Written by amNetLinkMirrorState only; relaxed reads elsewhere.
+// 1 = mirroring enabled.  Written by amNetLinkMirrorState only, under amModelLock; relaxed reads elsewhere.
 extern std::atomic<int> amAdminState;
 extern std::atomic<uint64_t> amStatsCounter;  // datagrams read from the control socket
 
@@ -30,12 +31,22 @@ extern std::atomic<uint64_t> amStatsCounter;  // datagrams read from the control
 // SIGINT over.  Ends the process with status 1 when a socket or the ring cannot be had.
 void amCreateNetLinkSockets();
 
-// The packet socket, then the control socket, each if it is open.
-void amCloseNetLinkSockets();
+// Closes the packet socket, then the control socket, each if it is open, and forgets them.  The capture
+// thread must have ended; a verdict in progress on another of the engine's threads is waited for.
+void amCloseNetLinkSockets() EXCLUDES(amModelLock);
 
 // Switches the kernel's mirroring: 1 on, any other value off; nothing when that is the state already.
-// Switching off empties both enforcement flow trees.
-void amNetLinkMirrorState(int state);
+// Switching off empties both enforcement flow trees, for good: no verdict is in progress by then.
+void amNetLinkMirrorState(int state) EXCLUDES(amModelLock);
 
 // Reads the control socket until it is drained.  Ends the process with status 1 on a netlink error.
 void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events);
+
+namespace am {
+
+// What an interrupt does with the sockets, in this order: mirroring off, the packet count to the log, the
+// packet and the control socket closed.  For the interrupt's own thread, while the others may still use the
+// handles: these stay, the process ends at once.
+void withdrawFromKernel();
+
+}  // namespace am

@@ -1,0 +1,189 @@
+#include "netlink/capture.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "core/lock.h"
+#include "core/log.h"
+#include "netlink/interrupt.h"
+#include "netlink/protocol.h"
+#include "netlink/reception.h"
+#include "netlink/sockets.h"
+
+constinit std::atomic<uint64_t> amPacketCounter{0};
+
+namespace {
+
+constexpr int kPollTimeout = 1000;              // milliseconds
+constexpr long kWaitingPause = 1'000'000;       // nanoseconds
+constexpr long kStopPause = 10'000'000;         // nanoseconds
+constexpr int kStopAttempts = 300;              // times kStopPause: three seconds
+constexpr int kWakeSignal = SIGURG;             // ignored by default, so nobody misses it
+constexpr size_t kStackSize = size_t{1} << 20;  // engines are used to more than musl's 128 KiB
+
+constinit std::atomic<bool> stopRequested{false};
+
+// A thread that says here that it runs cannot end before the lock is free again, so its id may be used.
+constinit AmMutex threadLock;
+bool threadRuns GUARDED_BY(threadLock)
+= false;
+pthread_t captureThread GUARDED_BY(threadLock);
+
+void pauseFor(long nanoseconds) {
+    const timespec pause{0, nanoseconds};
+    (void)nanosleep(&pause, nullptr);
+}
+
+void wakeOnly(int) {}  // the poll of the capture thread returns with EINTR, that is all
+
+void reportSocketError(int fd) {
+    int error = 0;
+    socklen_t size = sizeof error;
+    (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    amLog(AM_LOG_ERROR, "%s:%d packet socket error: %s\n", "mainpThread", __LINE__, strerror(error));
+}
+
+void capture(int fd) {
+    pollfd waited{fd, POLLIN | POLLERR, 0};
+    amLog(AM_LOG_DEBUG, "%s:%d Poll the packet socket\n", "mainpThread", __LINE__);
+    while (!am::captureHalted()) {
+        if (poll(&waited, 1, kPollTimeout) < 0) {
+            if (errno == EINTR) continue;
+            perror("mnl_socket_send");
+            _exit(1);
+        }
+        if (waited.revents & POLLERR) {
+            reportSocketError(fd);
+            continue;
+        }
+        if (!(waited.revents & POLLIN)) {
+            if (waited.revents != 0) pauseFor(kWaitingPause);  // a socket that has ended is always ready
+            continue;
+        }
+        amEngineEnter();
+        const am::Drained drained = am::drainPacketSocket();
+        amEngineLeave();
+        if (drained == am::Drained::waiting) pauseFor(kWaitingPause);
+    }
+}
+
+void *runCapture(void *argument) {
+    mainpThread(argument);
+    const AmGuard guard(threadLock);
+    threadRuns = false;
+    return nullptr;
+}
+
+void debugPacket(const capture_pkt &pkt) {
+    // No first byte to look at: no attribute, or an empty one.
+    if (!pkt.data || pkt.len <= MNL_ATTR_HDRLEN) return;
+    const unsigned version = pkt.data[0] & 0xf0U;
+    amLog(AM_LOG_PACKET, "Ip version %x %x\n", version, pkt.data[0]);
+    switch (version) {
+        case 0x60:
+            dump_ipv6(&pkt);
+            break;
+        case 0x40:
+            dump_ipv4(&pkt);
+            break;
+        default:
+            amLog(AM_LOG_PACKET, "Wrong ip version\n");
+    }
+}
+
+}  // namespace
+
+namespace am {
+
+bool captureHalted() {
+    return stopRequested.load(std::memory_order_relaxed) || interrupted.load(std::memory_order_relaxed);
+}
+
+void dispatchPackets(const void *data, size_t length) {
+    if (mnl_cb_run(data, length, 0, packet_portid, packet_cb, nullptr) >= MNL_CB_STOP) return;
+    amLog(AM_LOG_ERROR, "%s:%d mnl_cb_run error!!!\n", "mainpThread", __LINE__);
+    _exit(1);  // no exit(): other threads still use what its handlers would tear down
+}
+
+}  // namespace am
+
+int packet_attr_cb(const nlattr *attr, void *pkt) {
+    if (mnl_attr_get_type(attr) != DPI_PKT_A_DATA) return MNL_CB_STOP;
+    auto *packet = static_cast<capture_pkt *>(pkt);
+    packet->data = static_cast<const uint8_t *>(mnl_attr_get_payload(attr));
+    packet->len = mnl_attr_get_len(attr);
+    return MNL_CB_OK;
+}
+
+int packet_cb(const nlmsghdr *nlh, void *) {
+    capture_pkt pkt{};
+    const int walked = mnl_attr_parse(nlh, kFamilyHeaderSize, packet_attr_cb, &pkt);
+    if (walked != MNL_CB_OK) return walked;
+
+    if (print_debug.load(std::memory_order_relaxed) != 0) [[unlikely]]
+        debugPacket(pkt);
+    timeval now;
+    gettimeofday(&now, nullptr);
+    amEngineYield();
+    if (process_pktptr) process_pktptr(&pkt, &now);
+    // The only writer: no need for the bus lock of an atomic addition.
+    amPacketCounter.store(amPacketCounter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return MNL_CB_OK;
+}
+
+void *mainpThread(void *) {
+    // The flow trees and the aging timer are the main thread's to set up, before this thread runs: the event
+    // loop is not to be called from here.
+    installInterruptHandler();
+    capture(mnl_socket_get_fd(packet_nls));
+    return nullptr;
+}
+
+void amPktCaptureThread() {
+    struct sigaction wake {};
+    wake.sa_handler = wakeOnly;
+    (void)sigaction(kWakeSignal, &wake, nullptr);
+
+    // The event loop's signals stay with the event loop's thread.
+    sigset_t others, before;
+    sigemptyset(&others);
+    sigaddset(&others, SIGTERM);
+    sigaddset(&others, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &others, &before);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStackSize);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    {
+        const AmGuard guard(threadLock);
+        const int error = pthread_create(&captureThread, &attributes, runCapture, nullptr);
+        threadRuns = error == 0;
+        if (error != 0)
+            amLog(AM_LOG_ERROR, "%s:%d capture thread: %s\n", __func__, __LINE__, strerror(error));
+    }
+    pthread_attr_destroy(&attributes);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void amStopCaptureThread() {
+    stopRequested.store(true, std::memory_order_relaxed);
+    // Repeated: a wake-up that comes between the thread's look at the request and its poll is lost.
+    for (int attempt = 0; attempt < kStopAttempts; attempt++) {
+        {
+            const AmGuard guard(threadLock);
+            if (!threadRuns) return;
+            pthread_kill(captureThread, kWakeSignal);
+        }
+        pauseFor(kStopPause);
+    }
+    amLog(AM_LOG_ERROR, "%s:%d capture thread does not end\n", __func__, __LINE__);
+}

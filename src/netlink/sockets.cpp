@@ -1,0 +1,155 @@
+#include "netlink/sockets.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "core/log.h"
+#include "netlink/capture.h"
+#include "netlink/enf_flow_db.h"
+#include "netlink/interrupt.h"
+#include "netlink/protocol.h"
+#include "netlink/reception.h"
+#include "records/stats_report.h"
+
+constinit mnl_socket *control_nls = nullptr;
+constinit mnl_socket *packet_nls = nullptr;
+constinit uint32_t control_portid = 0;
+constinit uint32_t packet_portid = 0;
+uloop_fd mgmt_fd;
+constinit std::atomic<int> amAdminState{0};
+constinit std::atomic<uint64_t> amStatsCounter{0};
+
+namespace {
+
+constexpr uint32_t kPacketPortBit = 0x10000;
+constexpr unsigned kMgmtFlags = ULOOP_READ | ULOOP_EDGE_TRIGGER | ULOOP_ERROR_CB;
+static_assert(kMgmtFlags == 0x45);
+
+// Between an orderly shutdown and an interrupt that comes during it.
+constinit AmMutex closeLock ACQUIRED_AFTER(amModelLock);
+
+[[noreturn]] void failWith(const char *text) {
+    perror(text);
+    _exit(1);  // no exit(): other threads may run, and nothing is left to be flushed
+}
+
+mnl_socket *openSocket(const char *failText) {
+    mnl_socket *socket = mnl_socket_open(AM_NETLINK_PROTO);
+    if (!socket) failWith(failText);
+    // Not for the shell commands of a kit installation.
+    (void)fcntl(mnl_socket_get_fd(socket), F_SETFD, FD_CLOEXEC);
+    return socket;
+}
+
+void bindSocket(mnl_socket *socket, uint32_t portid) {
+    if (mnl_socket_bind(socket, 0, static_cast<pid_t>(portid)) < 0) failWith("mnl_socket_bind");
+}
+
+void closeSocket(mnl_socket *&socket) {
+    if (socket) (void)mnl_socket_close(socket);
+    socket = nullptr;
+}
+
+void closeDescriptor(const mnl_socket *socket) {
+    if (socket) (void)close(mnl_socket_get_fd(socket));
+}
+
+// A verdict looks at the state with the lock held and keeps it until its flow is recorded.
+void setAdminState(int state) EXCLUDES(amModelLock)
+{
+    const AmGuard model(amModelLock);
+    amAdminState.store(state, std::memory_order_relaxed);
+}
+
+void readReports(int fd) {
+    alignas(nlmsghdr) char buffer[kMessageSize];
+    for (;;) {
+        errno = 0;
+        const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got <= 0) {
+            const int error = errno;
+            amLog(AM_LOG_INFO, "%s:%d Message received with Invalid length Err No: %d Err %s\n",
+                  "amRecvNLMgmtSocket", __LINE__, error, strerror(error));
+            return;
+        }
+        if (mnl_cb_run(buffer, static_cast<size_t>(got), 0, control_portid, stats_cb, nullptr) < MNL_CB_STOP)
+            failWith("mnl_cb_run");
+        amStatsCounter.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+}  // namespace
+
+void amCreateNetLinkSockets() {
+    installInterruptHandler();
+
+    control_nls = openSocket("korvid: open management netlink socket");
+    control_portid = static_cast<uint32_t>(getpid());
+    bindSocket(control_nls, control_portid);
+
+    packet_nls = openSocket("korvid: open packet netlink socket");
+    // Before the socket is bound: from then on the kernel may send.
+    if (am::setUpReception(packet_nls) < 0) failWith("mnl_socket_set_ring");
+    packet_portid = control_portid | kPacketPortBit;
+    bindSocket(packet_nls, packet_portid);
+
+    (void)amSendPktPortId(control_nls, packet_portid);
+    if (amAdminState.load(std::memory_order_relaxed) == 1) (void)amSendMirrorConfig(control_nls, 1);
+
+    mgmt_fd.cb = amRecvNLMgmtSocket;
+    mgmt_fd.fd = mnl_socket_get_fd(control_nls);
+    if (mgmt_fd.fd < 0) {
+        amLog(AM_LOG_ERROR, "%s:%d Mgmt FD Invalid\n", __func__, __LINE__);
+        return;
+    }
+    (void)uloop_fd_add(&mgmt_fd, kMgmtFlags);
+}
+
+void amCloseNetLinkSockets() {
+    const AmGuard model(amModelLock);  // a verdict holds it shared while it sends
+    const AmGuard guard(closeLock);
+    closeSocket(packet_nls);
+    closeSocket(control_nls);
+}
+
+void amNetLinkMirrorState(int state) {
+    if (state == amAdminState.load(std::memory_order_relaxed)) return;
+    if (state == 1) {
+        setAdminState(1);
+        (void)amSendMirrorConfig(control_nls, 1);
+        amLog(AM_LOG_DEBUG, "%s:%d Enable the DPI-NetLink Mirror\n", __func__, __LINE__);
+        return;
+    }
+    setAdminState(0);
+    (void)amSendMirrorConfig(control_nls, 0);
+    amLog(AM_LOG_DEBUG, "%s:%d Disable the DPI-NetLink Mirror\n", __func__, __LINE__);
+    amCleanAllEnfFlowDb();
+    amCleanAllEnfFlowDb6();
+}
+
+void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events) {
+    if (events & ULOOP_READ) readReports(mnl_socket_get_fd(control_nls));
+    if (fd->error) {
+        amLog(AM_LOG_ERROR, "%s:%d Control Msg Socket Error adding the uloop again\n", __func__, __LINE__);
+        (void)uloop_fd_add(fd, kMgmtFlags);
+    }
+}
+
+namespace am {
+
+void withdrawFromKernel() {
+    const AmGuard guard(closeLock);
+    if (control_nls) (void)amSendMirrorConfig(control_nls, 0);
+    amLog(AM_LOG_ERROR, "%s:%d recv packet count: %" PRIu64 "\n", "my_sig_handler", __LINE__,
+          amPacketCounter.load(std::memory_order_relaxed));
+    closeDescriptor(packet_nls);
+    closeDescriptor(control_nls);
+}
+
+}  // namespace am
