@@ -1,0 +1,47 @@
+#include "ubus/reply.h"
+
+#include "ubus/bus_object.h"
+#include "ubus/request_log.h"
+
+namespace {
+
+// Kept between replies, so that a reply allocates nothing once the buffers have grown.
+blob_buf commonReply, statsReply;
+
+template <class FillResult>
+void sendReply(blob_buf &reply, ubus_request_data *req, bool success, int errorCode, const char *errorMessage,
+               FillResult fillResult) {
+    // Deferred, so that the library sends no status of its own when the handler returns.
+    ubus_request_data deferred{};
+    ubus_defer_request(ubus_ctx, req, &deferred);
+
+    (void)blob_buf_init(&reply, 0);
+    (void)blobmsg_add_u8(&reply, "success", success ? 1 : 0);
+    void *result = blobmsg_open_nested(&reply, "result", false);
+    fillResult(&reply);
+    blob_nest_end(&reply, result);
+    void *error = blobmsg_open_nested(&reply, "error", false);
+    (void)blobmsg_add_u32(&reply, "errorCode", static_cast<uint32_t>(errorCode));
+    (void)blobmsg_add_string(&reply, "errorMessage", errorMessage);
+    blob_nest_end(&reply, error);
+
+    (void)ubus_send_reply(ubus_ctx, &deferred, reply.head);
+    ubus_complete_deferred_request(ubus_ctx, &deferred, 0);
+    log_ubus_msg(reply.head);
+}
+
+}  // namespace
+
+void send_ubus_reply(ubus_request_data *req, bool success, int errorCode, const char *errorMessage) {
+    sendReply(commonReply, req, success, errorCode, errorMessage, [](blob_buf *) {});
+}
+
+void send_stats_reply(ubus_request_data *req, const char *fileCheckSum, const char *filename,
+                      bool oldFilePresent, const char *oldFileCheckSum) {
+    sendReply(statsReply, req, true, 0, "", [&](blob_buf *result) {
+        (void)blobmsg_add_string(result, "fileCheckSum", fileCheckSum);
+        (void)blobmsg_add_string(result, "filename", filename);
+        (void)blobmsg_add_u8(result, "oldFilePresent", oldFilePresent ? 1 : 0);
+        (void)blobmsg_add_string(result, "oldFileCheckSum", oldFileCheckSum);
+    });
+}
