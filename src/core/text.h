@@ -36,7 +36,7 @@ inline void copyText(char (&field)[N], std::string_view text) {
 
 // A UTC time as the record files write it: "%i-%02i-%02i %02i:%02i:%02i".
 struct TimeText {
-    char text[32];
+    char text[72];
 };
 TimeText utcText(time_t time);
 

@@ -47,8 +47,7 @@ bool isTooDeep(const blob_attr *msg) {
 void mask_pass(char *text, int length) {
     const std::string_view all(text, length > 0 ? static_cast<size_t>(length) : 0);
     // Counted from the word on: the first quote closes the key, the second opens the value, the third ends
-    // it. Not counted anew for each word, so a value that the end of the text cut off goes on in the next
-    // one.
+    // it. A value that the end of the text cut off keeps the count for the next word.
     int quotes = 0;
     for (size_t word = all.find(kPassword); word != all.npos;
          word = all.find(kPassword, word + kPassword.size() + 1)) {
@@ -64,7 +63,7 @@ void mask_pass(char *text, int length) {
 }
 
 void log_ubus_msg(const blob_attr *msg) {
-    if (!msg) return;
+    if (!msg || (blob_is_extended(msg) && !blobmsg_check_attr(msg, false))) return;
     if (isTooDeep(msg)) {
         amLog(AM_LOG_ERROR, "%s:%d message of more than %d levels\n", __func__, __LINE__, kDeepest);
         return;
