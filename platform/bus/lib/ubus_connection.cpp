@@ -107,8 +107,7 @@ bool sendAll(int fd, iovec *parts, size_t count) {
 void serve(ubus_context *ctx, bool mayRead) {
     do {
         if (!ctx->stack_depth && !list_empty(&ctx->pending)) {
-            auto *message = list_first_entry(&ctx->pending, ubus_received, list);
-            list_del(&message->list);
+            ubus_received *message = takeFirst(&ctx->pending);
             processInvoke(ctx, message);
             free(message);
             continue;
@@ -268,28 +267,6 @@ void servePending(ubus_context *ctx) {
         uloop_timeout_set(&ctx->pending_timer, 1);
     else
         serve(ctx, false);
-}
-
-void parseMessage(blob_attr *data, blob_attr *(&attrs)[UBUS_ATTR_MAX]) {
-    static constexpr unsigned int kTypes[UBUS_ATTR_MAX] = {
-        BLOB_ATTR_UNSPEC,  // UNSPEC
-        BLOB_ATTR_INT32,   // STATUS
-        BLOB_ATTR_STRING,  // OBJPATH
-        BLOB_ATTR_INT32,   // OBJID
-        BLOB_ATTR_STRING,  // METHOD
-        BLOB_ATTR_INT32,   // OBJTYPE
-        BLOB_ATTR_NESTED,  // SIGNATURE
-        BLOB_ATTR_NESTED,  // DATA
-        BLOB_ATTR_INT32,   // TARGET
-        BLOB_ATTR_INT8,    // ACTIVE
-        BLOB_ATTR_INT8,    // NO_REPLY
-        BLOB_ATTR_NESTED,  // SUBSCRIBERS
-        BLOB_ATTR_STRING,  // USER
-        BLOB_ATTR_STRING,  // GROUP
-    };
-    blob_attr_info info[UBUS_ATTR_MAX] = {};
-    for (size_t i = 0; i < UBUS_ATTR_MAX; i++) info[i].type = kTypes[i];
-    blob_parse(data, attrs, info, UBUS_ATTR_MAX);
 }
 
 bool putData(const blob_attr *msg) {

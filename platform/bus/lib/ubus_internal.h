@@ -3,6 +3,7 @@
 #pragma once
 
 #include "libubus.h"
+#include "message_attrs.h"
 
 // One message as it came: header and outer blob in wire order.
 struct ubus_received {
@@ -25,6 +26,14 @@ extern blob_buf outgoing;
 // The next message, which the caller frees with free(); null if none is complete, or the connection has ended
 // (sock.eof).  mayRead: also look for it in the socket, not only in what was already read.
 [[nodiscard]] ubus_received *receive(ubus_context *ctx, bool mayRead);
+
+// The first of a list that is not empty, no longer part of it.
+inline ubus_received *takeFirst(list_head *messages) {
+    list_head *node = messages->next;
+    messages->next = node->next;
+    node->next->prev = messages;
+    return list_entry(node, ubus_received, list);
+}
 
 void freeMessages(list_head *messages);
 
@@ -49,9 +58,6 @@ void servePending(ubus_context *ctx);
 
 // Sends outgoing as a new request; UBUS_STATUS_INVALID_ARGUMENT if it is too long or cannot be sent.
 int startRequest(ubus_context *ctx, ubus_request *req, ubus_msg_type type, uint32_t peer);
-
-// The attributes of a message, each null when absent or of the wrong length or type.
-void parseMessage(blob_attr *data, blob_attr *(&attrs)[UBUS_ATTR_MAX]);
 
 // DATA with the members of msg, null means none; false if there is no room.
 [[nodiscard]] bool putData(const blob_attr *msg);

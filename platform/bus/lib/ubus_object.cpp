@@ -27,7 +27,7 @@ const ubus_method *findMethod(const ubus_object &object, const char *name) {
     return nullptr;
 }
 
-int invoke(ubus_context *ctx, blob_attr *(&attrs)[UBUS_ATTR_MAX], ubus_request_data *req) {
+int invoke(ubus_context *ctx, bus::MessageAttrs &attrs, ubus_request_data *req) {
     ubus_object *object = findObject(ctx, req->object);
     if (!object) return UBUS_STATUS_NOT_FOUND;
     if (!attrs[UBUS_ATTR_METHOD]) return UBUS_STATUS_INVALID_ARGUMENT;
@@ -65,7 +65,7 @@ void unlinkObject(ubus_context *ctx, const ubus_object *wanted) {
 
 void onObjectAdded(ubus_request *req, int, blob_attr *data) {
     auto *object = static_cast<ubus_object *>(req->priv);
-    blob_attr *attrs[UBUS_ATTR_MAX];
+    bus::MessageAttrs attrs;
     bus::parseMessage(data, attrs);
     if (!attrs[UBUS_ATTR_OBJID]) return;
     object->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
@@ -76,7 +76,7 @@ void onObjectAdded(ubus_request *req, int, blob_attr *data) {
 
 void onObjectRemoved(ubus_request *req, int, blob_attr *data) {
     auto *object = static_cast<ubus_object *>(req->priv);
-    blob_attr *attrs[UBUS_ATTR_MAX];
+    bus::MessageAttrs attrs;
     bus::parseMessage(data, attrs);
     if (!attrs[UBUS_ATTR_OBJID]) return;
     object->id = 0;
@@ -95,7 +95,7 @@ constexpr ubus_method kEventMethod = {nullptr, onEvent, 0, 0, nullptr, 0};
 }  // namespace
 
 void bus::processInvoke(ubus_context *ctx, ubus_received *message) {
-    blob_attr *attrs[UBUS_ATTR_MAX];
+    bus::MessageAttrs attrs;
     parseMessage(message->data(), attrs);
     if (!attrs[UBUS_ATTR_OBJID]) return;
     ubus_request_data req{};

@@ -30,7 +30,7 @@ void callDataCallback(ubus_request *req, ubus_received *message) {
         return;
     }
     if (!req->data_cb) return;
-    blob_attr *attrs[UBUS_ATTR_MAX];
+    bus::MessageAttrs attrs;
     bus::parseMessage(message->data(), attrs);
     if (attrs[UBUS_ATTR_DATA]) req->data_cb(req, message->header()->type, attrs[UBUS_ATTR_DATA]);
 }
@@ -50,8 +50,7 @@ void deliverData(ubus_request *req, ubus_received *message) {
         free(message);
         if (cancelled) return;
         if (list_empty(&req->pending)) break;
-        message = list_first_entry(&req->pending, ubus_received, list);
-        list_del(&message->list);
+        message = bus::takeFirst(&req->pending);
     }
     req->cancelled = nullptr;
     req->blocked = false;
@@ -86,7 +85,7 @@ struct Lookup {
 
 void onLookupData(ubus_request *req, int, blob_attr *data) {
     const auto *lookup = static_cast<const Lookup *>(req->priv);
-    blob_attr *attrs[UBUS_ATTR_MAX];
+    bus::MessageAttrs attrs;
     bus::parseMessage(data, attrs);
     if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH] || !attrs[UBUS_ATTR_OBJTYPE]) return;
     ubus_object_data object{};
@@ -98,7 +97,7 @@ void onLookupData(ubus_request *req, int, blob_attr *data) {
 }
 
 void onLookupId(ubus_request *req, int, blob_attr *data) {
-    blob_attr *attrs[UBUS_ATTR_MAX];
+    bus::MessageAttrs attrs;
     bus::parseMessage(data, attrs);
     if (attrs[UBUS_ATTR_OBJID]) *static_cast<uint32_t *>(req->priv) = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
 }
@@ -137,7 +136,7 @@ void processAnswer(ubus_context *ctx, ubus_received *message) {
         return;
     }
     if (req) {
-        blob_attr *attrs[UBUS_ATTR_MAX];
+        bus::MessageAttrs attrs;
         parseMessage(message->data(), attrs);
         setStatus(req, attrs[UBUS_ATTR_STATUS] ? blob_get_int32(attrs[UBUS_ATTR_STATUS])
                                                : UBUS_STATUS_INVALID_ARGUMENT);
