@@ -1,4 +1,4 @@
-// Fixed character fields, and the text forms of times and addresses that logs and records share.
+// Fixed character fields, and the text forms of addresses for log lines.
 // Pure functions, any thread.
 #pragma once
 #include <arpa/inet.h>
@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
 namespace am {
@@ -33,12 +32,6 @@ inline void copyText(char (&field)[N], std::string_view text) {
     if (length != 0) memcpy(field, text.data(), length);
     memset(field + length, 0, N - length);
 }
-
-// A UTC time as the record files write it: "%i-%02i-%02i %02i:%02i:%02i".
-struct TimeText {
-    char text[72];
-};
-TimeText utcText(time_t time);
 
 // An address in text form.  Addresses are given in network byte order; an IPv6 one as its 16 bytes.
 struct AddressText {
