@@ -15,6 +15,7 @@ inline constexpr int kReportQueueSize = 200;
 // One matched report.  The first five fields lie as in the flow key; ports in host, addresses in network
 // order.
 template <class Address>
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): the key's fields have to come first
 struct AmFtQueueEntry {
     Address fst_ip, secnd_ip;
     uint16_t fstPort, scndPort;
