@@ -1,0 +1,238 @@
+#include <pthread.h>
+
+#include <atomic>
+
+#include "unit/appmodel/model_fixture.h"
+
+namespace {
+
+class AppLists : public ModelTest {
+  protected:
+    void SetUp() override {
+        ModelTest::SetUp();
+        installKit({{"appA", 0}, {"appB", 1}, {"appC", 2}, {"appD", 3}});
+        log_.forget();
+    }
+    static void makeGroup(const char *group, const std::vector<const char *> &apps) {
+        for (const char *app : apps) ASSERT_EQ(amAddAppToGrp(group, app), 1) << app;
+    }
+};
+
+using Texts = std::vector<std::string>;
+
+TEST_F(AppLists, GroupComesIntoBeingWithItsFirstMember) {
+    EXPECT_EQ(amAddAppToGrp("G", "unknown"), 0);
+    EXPECT_EQ(groupMarks("G"), "none");
+    EXPECT_TRUE(log_.has(" Invalid appname unknown\n"));
+    makeGroup("G", {"appB", "appA"});
+    EXPECT_EQ(membersOf("G"), (Texts{"appA", "appB"}));
+    EXPECT_EQ(marks(0), "") << "membership alone puts nothing on a list";
+    EXPECT_EQ(amAddAppToGrp("G", "appA"), 0);
+    EXPECT_TRUE(log_.has(" App appA already part of group G\n"));
+    EXPECT_EQ(membersOf("G"), (Texts{"appA", "appB"}));
+    EXPECT_EQ(amAppPartOfGroup("G", "appA"), 1);
+    EXPECT_EQ(amAppPartOfGroup("G", "appC"), 0);
+    EXPECT_EQ(amAppPartOfGroup("H", "appA"), 0);
+}
+
+TEST_F(AppLists, MissingNamesAreRefusedWithTheirText) {
+    EXPECT_EQ(amAddAppToGrp(nullptr, "appA"), 0);
+    EXPECT_TRUE(log_.has(" GRP-NAME Null\n"));
+    EXPECT_EQ(amAddAppToGrp("G", nullptr), 0);
+    EXPECT_EQ(amCreateAppGrp(&amAppGrpTree, nullptr), 0);
+    EXPECT_TRUE(log_.has(" No App Groupt name \n"));
+    EXPECT_EQ(amFindGrpNode(&amAppGrpTree, nullptr), nullptr);
+    EXPECT_EQ(amDeleteAppGrp(nullptr), 0);
+    EXPECT_TRUE(log_.has(" No App Group name \n"));
+    EXPECT_EQ(amDeleteAppGrp("G"), 0);
+    EXPECT_TRUE(log_.has(" No App Group G exists\n"));
+    EXPECT_EQ(amAddAppToAppList(nullptr, nullptr, AM_LIST_MONITORING), 0);
+    EXPECT_TRUE(log_.has(" AppName is NULL\n"));
+    EXPECT_EQ(amAddAppToAppList("unknown", "G", AM_LIST_MONITORING), 0);
+    EXPECT_TRUE(log_.has(" App-name doesn't exist in App-Pool\n"));
+    EXPECT_EQ(amAddGrpToAppList(nullptr, AM_LIST_MONITORING), 0);
+    EXPECT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 0);
+    EXPECT_TRUE(log_.has(" No App Group name grp name:G\n"));
+    EXPECT_EQ(groupMarks("G"), "none");
+}
+
+TEST_F(AppLists, GroupNamesCountToTheirFortiethCharacter) {
+    const std::string k40(40, 'g');
+    const std::string other = k40.substr(0, 39) + "h";
+    makeGroup(k40.c_str(), {"appA"});
+    makeGroup(other.c_str(), {"appB"});
+    EXPECT_EQ(amAddAppToGrp((k40 + "more").c_str(), "appA"), 0) << "the same group";
+    EXPECT_EQ(membersOf(k40.c_str()), (Texts{"appA"}));
+    EXPECT_EQ(membersOf(other.c_str()), (Texts{"appB"}));
+
+    ASSERT_EQ(amAddGrpToAppList((k40 + "more").c_str(), AM_LIST_ENFORCEMENT), 1);
+    EXPECT_EQ(marks(0), "e:" + k40);
+    EXPECT_EQ(namesOf(0, AM_LIST_ENFORCEMENT), (Names{"appA", k40}));
+    EXPECT_EQ(amClearAppEnfList(), 1);
+    EXPECT_EQ(groupMarks(k40.c_str()), "") << "found by a name that fills its field";
+    EXPECT_EQ(marks(0), "");
+}
+
+TEST_F(AppLists, MemberWhoseNameFillsItsFieldIsFoundInThePool) {
+    const std::string k32(32, 'n');
+    installKit({{k32.c_str(), 5}});
+    makeGroup("G", {(k32 + "tail").c_str()});
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
+    EXPECT_EQ(marks(5), "m:G");
+    ASSERT_EQ(amDeleteAppGrp("G"), 1);
+    EXPECT_EQ(marks(5), "");
+}
+
+TEST_F(AppLists, GroupNameStaysUntilTheApplicationLeftBothLists) {
+    makeGroup("G", {"appA", "appB", "appC"});
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_ENFORCEMENT), 1);
+    for (const uint16_t id : std::initializer_list<uint16_t>{0, 1, 2}) EXPECT_EQ(marks(id), "e:G");
+    EXPECT_EQ(amClearAppMonList(), 1);
+    EXPECT_EQ(marks(1), "e:G");
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
+    EXPECT_EQ(groupMarks("G"), "me");
+
+    EXPECT_EQ(amClearAppEnfList(), 1);
+    EXPECT_EQ(marks(1), "m:G");
+    EXPECT_EQ(groupMarks("G"), "m");
+    EXPECT_EQ(amClearAppMonList(), 1);
+    EXPECT_EQ(marks(1), "");
+    EXPECT_EQ(groupMarks("G"), "");
+    EXPECT_TRUE(log_.has("[DEBUG]: amClearAppMonList:"));
+    EXPECT_TRUE(log_.has(" Clean the App-Mon Enforcement List\n"));
+}
+
+TEST_F(AppLists, LastGroupThroughWhichAnApplicationWasListedNamesIt) {
+    makeGroup("G", {"appA"});
+    makeGroup("H", {"appA"});
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
+    ASSERT_EQ(amAddGrpToAppList("H", AM_LIST_ENFORCEMENT), 1);
+    EXPECT_EQ(marks(0), "me:H");
+    ASSERT_EQ(amAddAppToAppList("appA", nullptr, AM_LIST_MONITORING), 1);
+    EXPECT_EQ(marks(0), "me:H") << "without a group the name stays";
+    EXPECT_EQ(amClearAppMonList(), 1);
+    EXPECT_EQ(groupMarks("G"), "m") << "only the group that the entry names is taken off";
+}
+
+TEST_F(AppLists, DeletedGroupTakesItsMembersOffBothLists) {
+    makeGroup("G", {"appA", "appB", "appC"});
+    makeGroup("H", {"appB"});
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
+    ASSERT_EQ(amAddAppToAppList("appA", nullptr, AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amAddAppToAppList("appD", nullptr, AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amAddGrpToAppList("H", AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amDeleteAppGrp("G"), 1);
+    EXPECT_EQ(groupMarks("G"), "none");
+    EXPECT_EQ(marks(0), "");
+    EXPECT_EQ(marks(1), "") << "marked through a group, whichever it was";
+    EXPECT_EQ(marks(3), "e") << "not a member";
+    EXPECT_EQ(groupMarks("H"), "e");
+
+    makeGroup("I", {"appD"});
+    ASSERT_EQ(amDeleteAppGrp("I"), 1);
+    EXPECT_EQ(marks(3), "e") << "a member that was listed on its own stays listed";
+}
+
+TEST_F(AppLists, GroupThatFailsHalfwayKeepsWhatWasDone) {
+    installKit({{"appA", 0}, {"high", 9}, {"zapp", 1}});
+    installKit({{"appA", 0}, {"high", 2}, {"zapp", 1}});  // "high" keeps an id beyond the array
+    makeGroup("G", {"appA", "high", "zapp"});
+    EXPECT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 0);
+    EXPECT_TRUE(log_.has(" Adding grp name:G to App-list type 1 failed\n"));
+    EXPECT_EQ(marks(0), "m:G");
+    EXPECT_EQ(marks(1), "");
+    EXPECT_EQ(groupMarks("G"), "");
+    EXPECT_EQ(amDeleteAppGrp("G"), 1) << "a member without an entry is only freed";
+}
+
+TEST_F(AppLists, UnknownListTypeIsLoggedAndCountsAsDone) {
+    EXPECT_EQ(amAddAppToAppList("appA", "G", 3), 1);
+    EXPECT_TRUE(log_.has("[ERROR]: amAddAppToAppList:"));
+    EXPECT_TRUE(log_.has(" Invalid list type\n"));
+    EXPECT_EQ(marks(0), ":G") << "the group is recorded all the same";
+    makeGroup("G", {"appB"});
+    EXPECT_EQ(amAddGrpToAppList("G", 0), 1);
+    EXPECT_TRUE(log_.has(" Invalid List Type\n"));
+    EXPECT_EQ(groupMarks("G"), "");
+}
+
+TEST_F(AppLists, WithoutAnArrayListsAreEmptiedSilently) {
+    amCleanAppList();
+    log_.forget();
+    EXPECT_EQ(amClearAppMonList(), 1);
+    EXPECT_EQ(amClearAppEnfList(), 1);
+    EXPECT_EQ(log_.text(), "");
+    debugPrintMonAppList();
+    EXPECT_TRUE(log_.has("[INFO]: ---- Monitoring Application List ------\n"));
+}
+
+TEST_F(AppLists, CleaningGroupsLeavesTheListsAlone) {
+    makeGroup("G", {"appA", "appB"});
+    makeGroup("H", {"appC"});
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
+    amCleanAppGroup();
+    EXPECT_EQ(rbtCount(&amAppGrpTree), 0U);
+    EXPECT_EQ(marks(0), "m:G");
+    EXPECT_EQ(amClearAppMonList(), 1) << "although the group that the entry names is gone";
+    EXPECT_EQ(marks(0), "");
+}
+
+TEST_F(AppLists, DumpsShowGroupsAndListsAtInfo) {
+    const std::string k40(40, 'g');
+    makeGroup(k40.c_str(), {"appB", "appA"});
+    ASSERT_EQ(amAddGrpToAppList(k40.c_str(), AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amAddAppToAppList("appD", nullptr, AM_LIST_ENFORCEMENT), 1);
+    log_.forget();
+    debugPrintAppGrp();
+    debugPrintEnfAppList();
+    debugPrintMonAppList();
+    std::string messages;
+    std::istringstream lines(log_.text());
+    for (std::string line; std::getline(lines, line);) messages += line.substr(line.find(": ") + 2) + "\n";
+    EXPECT_EQ(messages, "Grp-Name " + k40 + " App-name appA\n" +      //
+                            "Grp-Name " + k40 + " App-name appB\n" +  //
+                            "---- Enforcement Application List ------\n" + "AppId 0 App-Name appA Grp-Name " +
+                            k40 + "\n" + "AppId 1 App-Name appB Grp-Name " + k40 + "\n" +
+                            "AppId 3 App-Name appD\n" +  //
+                            "---- Monitoring Application List ------\n");
+}
+
+// What the classification callback does for every flow while an administrator works on the lists.
+TEST_F(AppLists, ReaderUnderTheLockNeverSeesHalfAnEntry) {
+    makeGroup("aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", {"appA", "appB"});
+    makeGroup("bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb", {"appA", "appB"});
+    struct Reader {
+        std::atomic<bool> stop{false};
+        unsigned torn = 0;
+        std::atomic<unsigned> rounds{0};
+    } reader;
+    pthread_t thread;
+    const auto read = [](void *argument) -> void * {
+        auto *self = static_cast<Reader *>(argument);
+        while (!self->stop) {
+            const AmSharedGuard guard(amModelLock);
+            self->rounds++;
+            for (const uint32_t id : {0U, 1U}) {
+                const AmActiveApp *app = amActiveApp(id);
+                if (!app) continue;
+                const std::string_view name = am::fieldText(app->grpName);
+                const std::string whole(name.size(), name.empty() ? '-' : name[0]);
+                if (name != whole || (app->isPartOfGroup ? 40U : 0U) != name.size()) self->torn++;
+            }
+        }
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, read, &reader), 0);
+    for (int i = 0; i < 300 || reader.rounds < 100; i++) {
+        EXPECT_EQ(amAddGrpToAppList("aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", AM_LIST_MONITORING), 1);
+        EXPECT_EQ(amAddGrpToAppList("bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb", AM_LIST_ENFORCEMENT), 1);
+        EXPECT_EQ(amClearAppMonList(), 1);
+        EXPECT_EQ(amClearAppEnfList(), 1);
+        if (i % 50 == 0) amRebuildActiveAppArray("test", 0);
+    }
+    reader.stop = true;
+    pthread_join(thread, nullptr);
+    EXPECT_EQ(reader.torn, 0U);
+}
+
+}  // namespace
