@@ -86,4 +86,4 @@ class Start(case.SystemTest):
         self.assertEqual(daemon.stop(signal.SIGTERM), 0)  # the engine's start alone takes a second
 
     def mirror_states(self):
-        return [event["state"] for event in self.world.module.events("config") if "state" in event]
+        return [event["mirror"] for event in self.world.module.events("config") if "mirror" in event]
