@@ -104,7 +104,7 @@ class Process:
     def running(self):
         return self.child.poll() is None
 
-    def signal(self, number):
+    def send(self, number):
         self.child.send_signal(number)
 
     def wait(self, timeout=None):
@@ -112,7 +112,7 @@ class Process:
 
     def stop(self, number=signal.SIGTERM, timeout=None):
         if self.running():
-            self.signal(number)
+            self.send(number)
         try:
             return self.wait(timeout)
         except subprocess.TimeoutExpired:

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <new>
 
+const std::nothrow_t std::nothrow{};
+
 void *operator new(size_t size, const std::nothrow_t &) noexcept { return malloc(size != 0 ? size : 1); }
 void *operator new[](size_t size, const std::nothrow_t &) noexcept { return malloc(size != 0 ? size : 1); }
 void operator delete(void *memory) noexcept { free(memory); }
