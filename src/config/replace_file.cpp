@@ -1,0 +1,161 @@
+#include "config/replace_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "core/log.h"
+#include "core/text.h"
+
+namespace am {
+namespace {
+
+constexpr mode_t kOwnerOnly = 0600;
+
+enum class Outcome { kDone, kFailed, kNoRoomForFile };
+
+struct Path {
+    char text[PATH_MAX];
+};
+
+void logFailure(const char *what, const Path &path, int error, int line = __builtin_LINE()) {
+    amLog(AM_LOG_ERROR, "%s:%d Unable to %s %s: %s\n", "replaceFile", line, what, path.text, strerror(error));
+}
+
+// The folder part, with its slash; empty for a bare name.
+std::string_view folderOf(const Path &path) {
+    const std::string_view text = path.text;
+    return text.substr(0, text.rfind('/') + 1);
+}
+
+// Follows symbolic links by hand: the last one may point to a file that is yet to be created.
+bool followLinks(Path &path) {
+    constexpr int kMostLinks = 16;
+    for (int links = 0; links < kMostLinks; links++) {
+        char link[PATH_MAX];
+        const ssize_t length = readlink(path.text, link, sizeof link);
+        if (length < 0) return true;  // no link, or nothing at all
+        const std::string_view target{link, static_cast<size_t>(length)};
+        const std::string_view folder = link[0] == '/' ? std::string_view{} : folderOf(path);
+        if (folder.size() + target.size() >= sizeof path.text) return false;
+        if (!target.empty()) memcpy(path.text + folder.size(), target.data(), target.size());
+        path.text[folder.size() + target.size()] = '\0';
+    }
+    return false;
+}
+
+bool writeAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = write(fd, content.data(), content.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        content.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+// Closes in every case; the error is that of the first step that failed.
+bool writeAndClose(int fd, std::string_view content) {
+    const bool written = writeAll(fd, content) && fsync(fd) == 0;
+    const int error = errno;
+    const bool closed = close(fd) == 0;
+    if (!written) errno = error;
+    return written && closed;
+}
+
+// The rename is on the disk once the folder is.
+void syncFolder(const Path &path) {
+    const std::string_view folder = folderOf(path);
+    Path name{"."};
+    if (!folder.empty()) copyText(name.text, folder);
+    const int fd = open(name.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    (void)fsync(fd);
+    (void)close(fd);
+}
+
+// Errors that say something of the folder, and nothing of whether the file itself could be written.
+bool folderRefuses(int error) {
+    switch (error) {
+        case EACCES:
+        case EPERM:
+        case EROFS:
+        case EBUSY:  // the file is a mount of its own
+        case EEXIST:
+        case EISDIR:
+        case ENAMETOOLONG:
+            return true;
+        default:
+            return false;
+    }
+}
+
+Outcome writeBeside(const Path &path, std::string_view content) {
+    Path beside{};
+    const int length = snprintf(beside.text, sizeof beside.text, "%s.new", path.text);
+    if (length >= static_cast<int>(sizeof beside.text)) return Outcome::kNoRoomForFile;
+
+    // One name for all: what a killed daemon left behind goes with the next write.
+    (void)unlink(beside.text);
+    const int fd = open(beside.text, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly);
+    if (fd < 0) {
+        const int error = errno;
+        if (folderRefuses(error)) return Outcome::kNoRoomForFile;
+        if (error != ENOENT && error != ENOTDIR) logFailure("create", beside, error);
+        return Outcome::kFailed;
+    }
+    if (!writeAndClose(fd, content)) {
+        logFailure("write", beside, errno);
+        (void)unlink(beside.text);
+        return Outcome::kFailed;
+    }
+    if (rename(beside.text, path.text) != 0) {
+        const int error = errno;
+        (void)unlink(beside.text);
+        if (folderRefuses(error)) return Outcome::kNoRoomForFile;
+        logFailure("replace", path, error);
+        return Outcome::kFailed;
+    }
+    syncFolder(path);
+    return Outcome::kDone;
+}
+
+// Reserves the room first, so that a full disk keeps the old content here too, as far as the file system
+// knows how to.
+bool writeInPlace(const Path &path, std::string_view content) {
+    const int fd = open(path.text, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, kOwnerOnly);
+    if (fd < 0) return false;
+    const auto length = static_cast<off_t>(content.size());
+    if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, length) != 0 && (errno == ENOSPC || errno == EDQUOT)) {
+        logFailure("write", path, errno);
+        (void)close(fd);
+        return false;
+    }
+    if (ftruncate(fd, 0) == 0 && writeAndClose(fd, content)) return true;
+    logFailure("write", path, errno);
+    return false;
+}
+
+}  // namespace
+
+bool replaceFile(const char *path, std::string_view content) {
+    Path target{};
+    copyText(target.text, path);
+    if (!followLinks(target)) return false;
+    switch (writeBeside(target, content)) {
+        case Outcome::kDone:
+            return true;
+        case Outcome::kFailed:
+            return false;
+        case Outcome::kNoRoomForFile:
+            break;
+    }
+    return writeInPlace(target, content);
+}
+
+}  // namespace am
