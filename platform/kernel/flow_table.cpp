@@ -45,18 +45,18 @@ void FlowTable::count(const PacketInfo &packet, size_t bytes, uint64_t now) {
     if (found == flows_.end()) flow.tuple = packet.flow;
     ++flow.packets;
     flow.bytes += bytes;
-    if (packet.fin || packet.rst) noteClosing(flow, packet);
+    if (flow.closed) return;  // late packets do not keep it alive
     flow.lastSeen = now;
-    // A closed flow's late packets do not keep it alive.
-    if (!flow.closed && open_.newest != &flow) {
+    if (open_.newest != &flow) {
         open_.remove(flow);
         open_.append(flow);
     }
+    if (packet.fin || packet.rst) noteClosing(flow, packet);
 }
 
 void FlowTable::noteClosing(Flow &flow, const PacketInfo &packet) {
     if (packet.fin) (packet.flow == flow.tuple ? flow.finForward : flow.finBackward) = true;
-    if (flow.closed || !(packet.rst || (flow.finForward && flow.finBackward))) return;
+    if (!packet.rst && !(flow.finForward && flow.finBackward)) return;
     open_.remove(flow);
     flow.closed = true;
     closed_.append(flow);

@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint64_t kAgeTick = 100;  // ms between looks for aged flows
 constexpr uint64_t kSettle = 300;   // ms for late verdicts after the last packet was read
+constexpr uint64_t kTaken = 10;     // ms from a datagram's receive to what the reader does about it
 constexpr int kRequestsPerTurn = 256;
 constexpr int64_t kMillisecond = 1000000;
 
@@ -119,7 +120,11 @@ void Loop::timers() {
     module_.flush();
     const bool waiters = std::any_of(control_.peers().begin(), control_.peers().end(),
                                      [](const auto &peer) { return peer->waiting; });
-    if (waiters) answerWaiters(!pump_.active() && module_.quiet());
+    if (!waiters || pump_.active() || !module_.quiet())
+        idleSince_ = 0;
+    else if (idleSince_ == 0)
+        idleSince_ = now;
+    if (waiters) answerWaiters(idleSince_ != 0 && now - idleSince_ >= kTaken);
 }
 
 // Sleeps until something happens, and serves it.

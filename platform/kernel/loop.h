@@ -35,7 +35,7 @@ class Loop {
     ControlServer control_;
     Pump pump_;
     UniqueFd signals_;
-    uint64_t nextReport_ = 0, nextAge_ = 0, doneSince_ = 0;
+    uint64_t nextReport_ = 0, nextAge_ = 0, doneSince_ = 0, idleSince_ = 0;
     bool quit_ = false, agedAtEnd_ = false, hadInput_ = false;
 };
 

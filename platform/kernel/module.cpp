@@ -180,16 +180,25 @@ void Module::endBurst() {
 bool Module::waitForSpace() {
     Client *client = packetClient();
     ++counters.waits;
-    return !client || !client->ring || client->ring->waitForSpace();
+    // With a free frame at hand it is the queue that is full, which nobody announces.
+    if (!client || !client->ring || client->ring->nextFrame()) return true;
+    return client->ring->waitForSpace();
 }
 
 bool Module::quiet() const {
-    return std::all_of(server_->clients().begin(), server_->clients().end(), [](const auto &client) {
+    const auto &clients = server_->clients();
+    const bool read = std::all_of(clients.begin(), clients.end(), [](const auto &client) {
         int unread = 0;
         if (ioctl(client->queueFd(), SIOCOUTQ, &unread) != 0) unread = 0;
         return client->gone() ||
                (client->kept() == 0 && unread == 0 && (!client->ring || client->ring->drained()));
     });
+    // Looked at last: a verdict is sent before its packet's frame is handed back.
+    return read && std::all_of(clients.begin(), clients.end(), [](const auto &client) {
+               int unserved = 0;
+               return client->gone() || ioctl(client->session.get(), SIOCINQ, &unserved) != 0 ||
+                      unserved == 0;
+           });
 }
 
 void Module::flush() {

@@ -49,7 +49,7 @@ class Module {
     void endBurst();
     // Asks to be woken when the ring has room; false if it has.
     bool waitForSpace();
-    // True when the reader has everything that was sent.
+    // True when the readers have taken everything that was sent, and everything they sent was taken here.
     [[nodiscard]] bool quiet() const;
     // Moves queued reports on.
     void flush();

@@ -239,7 +239,8 @@ Result decodeResult(const Message &message) {
         }
     }
     const bool v6 = result.flow.version == 6;
-    std::vector<uint16_t> expected{1, static_cast<uint16_t>(v6 ? 3 : 2), static_cast<uint16_t>(v6 ? 5 : 4), 6, 7, 8, 9};
+    std::vector<uint16_t> expected{
+        1, static_cast<uint16_t>(v6 ? 3 : 2), static_cast<uint16_t>(v6 ? 5 : 4), 6, 7, 8, 9};
     if (result.match == 1) {
         for (int type : {11, 12, 10}) expected.push_back(static_cast<uint16_t>(type));
         if (result.groupName) expected.push_back(14);
