@@ -1,0 +1,484 @@
+// The broker as its clients see it: real process, hand-made frames.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+
+#include "support.h"
+
+using namespace bustest;
+using Ids = std::vector<unsigned int>;
+
+namespace {
+
+class BusBroker : public testing::Test {
+  protected:
+    Broker broker;
+};
+
+Peer::Fill pathOnly(const char *path) {
+    return [path](blob_buf *buf) { blob_put_string(buf, UBUS_ATTR_OBJPATH, path); };
+}
+
+Peer::Fill idOnly(uint32_t id) {
+    return [id](blob_buf *buf) { blob_put_u32(buf, UBUS_ATTR_OBJID, id); };
+}
+
+void oneMethod(blob_buf *buf) {
+    void *table = blobmsg_open_table(buf, "set");
+    blobmsg_add_u32(buf, "name", BLOBMSG_TYPE_STRING);
+    blobmsg_close_table(buf, table);
+}
+
+// Paths in the order of the answers; status of the end in *status.
+std::vector<std::string> lookup(Peer &peer, const Peer::Fill &fill, uint32_t *status) {
+    peer.send(UBUS_MSG_LOOKUP, 0, fill);
+    std::vector<std::string> paths;
+    while (true) {
+        const Message message = peer.read();
+        if (message.type != UBUS_MSG_DATA) {
+            *status = message.number(UBUS_ATTR_STATUS);
+            return paths;
+        }
+        paths.push_back(message.text(UBUS_ATTR_OBJPATH));
+    }
+}
+
+}  // namespace
+
+TEST_F(BusBroker, ObjectsAreAddedFoundAndRemoved) {
+    Peer provider(broker.path());
+    EXPECT_GE(provider.id(), static_cast<uint32_t>(UBUS_SYSTEM_OBJECT_MAX));
+    const auto addWithType = [&](const char *path, const Peer::Fill &type) {
+        provider.send(UBUS_MSG_ADD_OBJECT, 7, [&](blob_buf *buf) {
+            blob_put_string(buf, UBUS_ATTR_OBJPATH, path);
+            type(buf);
+        });
+        const Message data = provider.read();
+        EXPECT_EQ(provider.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
+        EXPECT_EQ(data.peer, 7U);
+        return data;
+    };
+    const Message first = addWithType("demo", [](blob_buf *buf) {
+        void *signature = blob_nest_start(buf, UBUS_ATTR_SIGNATURE);
+        oneMethod(buf);
+        blob_nest_end(buf, signature);
+    });
+    EXPECT_EQ(first.ids(), (Ids{UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE}));
+    const uint32_t type = first.number(UBUS_ATTR_OBJTYPE);
+    const Message second =
+        addWithType("other", [&](blob_buf *buf) { blob_put_u32(buf, UBUS_ATTR_OBJTYPE, type); });
+    EXPECT_EQ(second.ids(), Ids{UBUS_ATTR_OBJID});
+
+    Peer caller(broker.path());
+    caller.send(UBUS_MSG_LOOKUP, 0, pathOnly("other"));
+    const Message found = caller.read();
+    EXPECT_EQ(found.ids(), (Ids{UBUS_ATTR_OBJPATH, UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE, UBUS_ATTR_SIGNATURE}));
+    EXPECT_EQ(found.number(UBUS_ATTR_OBJID), second.number(UBUS_ATTR_OBJID));
+    EXPECT_EQ(found.number(UBUS_ATTR_OBJTYPE), type);
+    EXPECT_EQ(json(found.attr(UBUS_ATTR_SIGNATURE)), R"({"set":{"name":3}})");
+    EXPECT_EQ(caller.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
+
+    EXPECT_EQ(caller.request(UBUS_MSG_ADD_OBJECT, 0, pathOnly("demo")), UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(caller.request(UBUS_MSG_REMOVE_OBJECT, 0), UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(caller.request(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(99)), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(caller.request(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(first.number(UBUS_ATTR_OBJID))),
+              UBUS_STATUS_PERMISSION_DENIED);
+
+    // The type goes with its last user.
+    provider.send(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(first.number(UBUS_ATTR_OBJID)));
+    EXPECT_EQ(provider.read().ids(), Ids{UBUS_ATTR_OBJID});
+    provider.read();
+    provider.send(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(second.number(UBUS_ATTR_OBJID)));
+    EXPECT_EQ(provider.read().ids(), (Ids{UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE}));
+    provider.read();
+}
+
+TEST_F(BusBroker, LookupsSelectByPathAndPrefix) {
+    Peer peer(broker.path());
+    uint32_t status = 0;
+    EXPECT_TRUE(lookup(peer, nullptr, &status).empty());
+    EXPECT_EQ(status, UBUS_STATUS_OK);
+    lookup(peer, pathOnly("*"), &status);
+    EXPECT_EQ(status, UBUS_STATUS_NOT_FOUND);
+    for (const char *path : {"a.b", "a", "B", "a-b"}) peer.addObject(path);
+    // Without a type: there, but not shown.
+    const auto unnamedMethod = [](blob_buf *buf) { blobmsg_close_table(buf, blobmsg_open_table(buf, "")); };
+    peer.send(UBUS_MSG_ADD_OBJECT, 0, [&](blob_buf *buf) {
+        blob_put_string(buf, UBUS_ATTR_OBJPATH, "hidden");
+        void *signature = blob_nest_start(buf, UBUS_ATTR_SIGNATURE);
+        unnamedMethod(buf);
+        blob_nest_end(buf, signature);
+    });
+    EXPECT_EQ(peer.read().ids(), Ids{UBUS_ATTR_OBJID});
+    peer.read();
+
+    using Paths = std::vector<std::string>;
+    const struct {
+        const char *path;  // null: none
+        Paths found;
+        uint32_t status;
+    } kCases[] = {
+        {nullptr, {"B", "a", "a-b", "a.b"}, UBUS_STATUS_OK},
+        {"*", {"B", "a", "a-b", "a.b"}, UBUS_STATUS_OK},
+        {"a.*", {"a.b"}, UBUS_STATUS_OK},
+        {"a", {"a"}, UBUS_STATUS_OK},
+        {"x*", {}, UBUS_STATUS_NOT_FOUND},
+        {"x", {}, UBUS_STATUS_NOT_FOUND},
+        {"", {}, UBUS_STATUS_INVALID_ARGUMENT},
+        {"hidden", {}, UBUS_STATUS_OK},
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.path ? c.path : "(no path)");
+        EXPECT_EQ(lookup(peer, c.path ? pathOnly(c.path) : nullptr, &status), c.found);
+        EXPECT_EQ(status, c.status);
+    }
+}
+
+TEST_F(BusBroker, CallsAndAnswersArePassedOn) {
+    Peer provider(broker.path());
+    Peer caller(broker.path());
+    const uint32_t object = provider.addObject("demo");
+    const auto data = [](blob_buf *buf) {
+        void *nest = blob_nest_start(buf, UBUS_ATTR_DATA);
+        blobmsg_add_u32(buf, "level", 3);
+        blob_nest_end(buf, nest);
+    };
+    const uint16_t seq = caller.send(UBUS_MSG_INVOKE, object, [&](blob_buf *buf) {
+        blob_put_u8(buf, UBUS_ATTR_NO_REPLY, 1);  // not for the provider: it would not answer
+        data(buf);
+        blob_put_string(buf, UBUS_ATTR_METHOD, "set");
+        blob_put_u32(buf, UBUS_ATTR_OBJID, 5);  // of several with one id the last counts
+        blob_put_u32(buf, UBUS_ATTR_OBJID, object);
+    });
+    const Message call = provider.read();
+    EXPECT_EQ(call.type, UBUS_MSG_INVOKE);
+    EXPECT_EQ(call.seq, seq);
+    EXPECT_EQ(call.peer, caller.id());
+    EXPECT_EQ(call.ids(),
+              (Ids{UBUS_ATTR_OBJID, UBUS_ATTR_METHOD, UBUS_ATTR_USER, UBUS_ATTR_GROUP, UBUS_ATTR_DATA}));
+    EXPECT_FALSE(call.text(UBUS_ATTR_USER).empty());
+    EXPECT_EQ(call.members(), R"({"level":3})");
+
+    Buffer reply;
+    blob_put_u32(&reply, UBUS_ATTR_OBJID, object);
+    data(&reply);
+    Buffer status;
+    blob_put_int32(&status, UBUS_ATTR_STATUS, -77);
+    blob_put_u32(&status, UBUS_ATTR_OBJID, object);
+    const std::string replyBytes = bytesOf(reply->head);
+    const std::string statusBytes = bytesOf(status->head);
+    Peer stranger(broker.path());
+    stranger.write(frame(UBUS_MSG_DATA, seq, caller.id(), replyBytes));         // not its object
+    provider.write(frame(UBUS_MSG_DATA, seq, caller.id(), statusBytes));        // no DATA in it
+    provider.write(frame(UBUS_MSG_STATUS, seq, caller.id() + 1, statusBytes));  // nobody
+    provider.write(frame(UBUS_MSG_DATA, seq, caller.id(), replyBytes));
+    provider.write(frame(UBUS_MSG_STATUS, seq, caller.id(), statusBytes));
+    for (const auto &[type, bytes] :
+         {std::pair{UBUS_MSG_DATA, replyBytes}, std::pair{UBUS_MSG_STATUS, statusBytes}}) {
+        const Message answer = caller.read();
+        EXPECT_EQ(answer.type, type);
+        EXPECT_EQ(answer.seq, seq);
+        EXPECT_EQ(answer.peer, object);
+        EXPECT_EQ(toHex(answer.body), toHex(bytes));
+    }
+}
+
+TEST_F(BusBroker, RequestsThatCannotBeServedGetTheirStatus) {
+    Peer peer(broker.path());
+    const auto invoke = [](uint32_t id, const char *method) {
+        return [=](blob_buf *buf) {
+            if (id) blob_put_u32(buf, UBUS_ATTR_OBJID, id);
+            if (method) blob_put_string(buf, UBUS_ATTR_METHOD, method);
+        };
+    };
+    const struct {
+        uint8_t type;
+        Peer::Fill fill;
+        int status;
+    } kCases[] = {
+        {UBUS_MSG_HELLO, nullptr, UBUS_STATUS_INVALID_COMMAND},
+        {UBUS_MSG_MONITOR, nullptr, UBUS_STATUS_INVALID_COMMAND},
+        {12, nullptr, UBUS_STATUS_INVALID_COMMAND},
+        {255, nullptr, UBUS_STATUS_INVALID_COMMAND},
+        {UBUS_MSG_SUBSCRIBE, nullptr, UBUS_STATUS_NOT_SUPPORTED},
+        {UBUS_MSG_UNSUBSCRIBE, nullptr, UBUS_STATUS_NOT_SUPPORTED},
+        {UBUS_MSG_NOTIFY, nullptr, UBUS_STATUS_NOT_SUPPORTED},
+        {UBUS_MSG_INVOKE, invoke(0, "x"), UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, invoke(5000, nullptr), UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, invoke(5000, "x"), UBUS_STATUS_NOT_FOUND},
+        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_ACL, "query"), UBUS_STATUS_NOT_FOUND},
+        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "x"), UBUS_STATUS_INVALID_COMMAND},
+        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "send"), UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "register"), UBUS_STATUS_INVALID_ARGUMENT},
+        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_MONITOR, "x"), UBUS_STATUS_METHOD_NOT_FOUND},
+    };
+    uint32_t headerPeer = 0xfedcba98;  // repeated in the answer, whatever it is
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(&c - kCases);
+        EXPECT_EQ(peer.request(c.type, headerPeer++, c.fill), c.status);
+    }
+    // A ping comes back as data.
+    peer.send(UBUS_MSG_PING, 9, pathOnly("anything"));
+    EXPECT_EQ(peer.read().text(UBUS_ATTR_OBJPATH), "anything");
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
+}
+
+TEST_F(BusBroker, EventsReachEachMatchingObjectOnce) {
+    Peer first(broker.path());
+    Peer second(broker.path());
+    Peer sender(broker.path());
+    const uint32_t exact = first.addObject();
+    const uint32_t prefix = first.addObject();
+    const uint32_t all = second.addObject();
+    const uint32_t own = sender.addObject();
+    EXPECT_EQ(first.listenTo(prefix, "app.*"), UBUS_STATUS_OK);
+    EXPECT_EQ(first.listenTo(prefix, "app.re*"), UBUS_STATUS_OK);
+    EXPECT_EQ(first.listenTo(exact, "app.reload"), UBUS_STATUS_OK);
+    EXPECT_EQ(first.listenTo(exact, "app.*load"), UBUS_STATUS_OK);  // literal in the middle
+    EXPECT_EQ(second.listenTo(all, "*"), UBUS_STATUS_OK);
+    EXPECT_EQ(sender.listenTo(own, "*"), UBUS_STATUS_OK);
+
+    const auto data = [](blob_buf *buf) { blobmsg_add_string(buf, "x", "y"); };
+    EXPECT_EQ(sender.sendEvent("app.reload", data), UBUS_STATUS_OK);
+    EXPECT_EQ(sender.sendEvent("app.xload"), UBUS_STATUS_OK);
+    EXPECT_EQ(sender.sendEvent("ubus.object.add"), UBUS_STATUS_PERMISSION_DENIED);
+    const struct {
+        Peer &peer;
+        uint32_t object;
+        const char *event, *members;
+    } kDeliveries[] = {
+        {first, prefix, "app.reload", R"({"x":"y"})"},
+        {first, exact, "app.reload", R"({"x":"y"})"},
+        {first, prefix, "app.xload", "{}"},
+        {second, all, "app.reload", R"({"x":"y"})"},
+        {second, all, "app.xload", "{}"},
+    };
+    for (const auto &d : kDeliveries) {
+        const Message event = d.peer.read();
+        EXPECT_EQ(event.type, UBUS_MSG_INVOKE);
+        EXPECT_EQ(event.peer, 0U);
+        EXPECT_EQ(event.ids(), (Ids{UBUS_ATTR_OBJID, UBUS_ATTR_METHOD, UBUS_ATTR_DATA}));
+        EXPECT_EQ(event.number(UBUS_ATTR_OBJID), d.object);
+        EXPECT_EQ(event.text(UBUS_ATTR_METHOD), d.event);
+        EXPECT_EQ(event.members(), d.members);
+    }
+    // Nothing else is on its way to anybody.
+    for (Peer *peer : {&first, &second, &sender})
+        EXPECT_EQ(peer->request(UBUS_MSG_LOOKUP, 0), UBUS_STATUS_OK);
+
+    EXPECT_EQ(second.listenTo(exact, "x"), UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(second.listenTo(all, ""), UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(second.listenTo(1000, "x"), UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(second.listenTo(all + 1, "x"), UBUS_STATUS_NOT_FOUND);
+}
+
+TEST_F(BusBroker, ObjectsThatComeAndGoAreAnnounced) {
+    Peer watcher(broker.path());
+    EXPECT_EQ(watcher.listenTo(watcher.addObject(), "ubus.object.*"), UBUS_STATUS_OK);
+    uint32_t object;
+    {
+        Peer provider(broker.path());
+        object = provider.addObject("demo");
+        provider.addObject();  // anonymous: of no interest to others
+    }
+    const std::string members =
+        "{\"id\":" + std::to_string(static_cast<int32_t>(object)) + ",\"path\":\"demo\"}";
+    for (const char *event : {"ubus.object.add", "ubus.object.remove"}) {
+        const Message message = watcher.read();
+        EXPECT_EQ(message.text(UBUS_ATTR_METHOD), event);
+        EXPECT_EQ(message.members(), members);
+    }
+    // One's own object is announced before the answer.
+    watcher.send(UBUS_MSG_ADD_OBJECT, 0, pathOnly("own"));
+    EXPECT_EQ(watcher.read().text(UBUS_ATTR_METHOD), "ubus.object.add");
+    EXPECT_EQ(watcher.read().type, UBUS_MSG_DATA);
+}
+
+TEST_F(BusBroker, SlowClientLosesMessagesButStaysConnected) {
+    Peer slow(broker.path());
+    Peer sender(broker.path());
+    EXPECT_EQ(slow.listenTo(slow.addObject(), "*"), UBUS_STATUS_OK);
+    const std::string text(10000, 'x');
+    const auto data = [&](blob_buf *buf) { blobmsg_add_string(buf, "text", text.c_str()); };
+    for (int i = 0; i < 400; i++)
+        EXPECT_EQ(sender.sendEvent(std::to_string(i).c_str(), data), UBUS_STATUS_OK);
+    int next = 0;
+    slow.send(UBUS_MSG_PING, 0);
+    for (Message message = slow.read(); message.type == UBUS_MSG_INVOKE; message = slow.read())
+        EXPECT_EQ(message.text(UBUS_ATTR_METHOD), std::to_string(next++));  // the first ones, none missing
+    EXPECT_GT(next, 100);
+    EXPECT_LT(next, 400);
+    slow.read();  // status of the ping
+    EXPECT_EQ(sender.sendEvent("late", data), UBUS_STATUS_OK);
+    EXPECT_EQ(slow.read().text(UBUS_ATTR_METHOD), "late");
+}
+
+TEST_F(BusBroker, LookupAnswersWaitForASlowReader) {
+    constexpr int kObjects = 300;
+    Peer provider(broker.path());
+    const std::string method(10000, 'm');
+    const auto big = [&](blob_buf *buf) {
+        blobmsg_close_table(buf, blobmsg_open_table(buf, method.c_str()));
+    };
+    for (int i = 0; i < kObjects; i++) provider.addObject(("o" + std::to_string(i)).c_str(), big);
+    Peer caller(broker.path());
+    caller.send(UBUS_MSG_LOOKUP, 0);
+    caller.send(UBUS_MSG_LOOKUP, 0, pathOnly("o7"));
+    // Others are served meanwhile, and the objects may change.
+    EXPECT_EQ(provider.request(UBUS_MSG_LOOKUP, 0, pathOnly("x")), UBUS_STATUS_NOT_FOUND);
+    int found = 0;
+    Message message = caller.read();
+    for (; message.type == UBUS_MSG_DATA; message = caller.read()) found++;
+    EXPECT_EQ(found, kObjects);
+    EXPECT_EQ(message.seq, 1);
+    EXPECT_EQ(caller.read().text(UBUS_ATTR_OBJPATH), "o7");
+}
+
+TEST_F(BusBroker, BrokenFramesEndOnlyTheirConnection) {
+    for (const char *hex : {"0005000100000000"
+                            "00000003",
+                            "0005000100000000"
+                            "00000000",
+                            "0005000100000000"
+                            "00100001",
+                            "0005000100000000"
+                            "ffffffff"}) {
+        SCOPED_TRACE(hex);
+        Peer peer(broker.path());
+        peer.write(fromHex(hex));
+        EXPECT_TRUE(peer.closed());
+    }
+    EXPECT_TRUE(broker.alive());
+}
+
+TEST_F(BusBroker, MessagesMayBeCutAnywhere) {
+    Peer peer(broker.path());
+    Buffer buffer;
+    blob_put_string(&buffer, UBUS_ATTR_OBJPATH, "nobody");
+    const std::string bytes = frame(UBUS_MSG_LOOKUP, 1, 0, bytesOf(buffer->head));
+    for (const char &byte : bytes) peer.write({&byte, 1});
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_NOT_FOUND);
+    peer.write(bytes + bytes + bytes.substr(0, 5));
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_NOT_FOUND);
+    // The largest message that there may be.
+    const std::string largest(UBUS_MAX_MSGLEN - 4, '\0');
+    peer.write(bytes.substr(5));
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_NOT_FOUND);
+    peer.write(frame(UBUS_MSG_LOOKUP, 2, 0, fromHex("00100000") + largest));
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
+}
+
+TEST_F(BusBroker, SurvivesRandomMessages) {
+    std::mt19937 random(20);
+    const auto below = [&](unsigned int limit) {
+        return std::uniform_int_distribution<unsigned int>(0, limit - 1)(random);
+    };
+    Peer victim(broker.path());
+    const uint32_t object = victim.addObject("victim");
+    for (int round = 0; round < 40; round++) {
+        Peer peer(broker.path());
+        std::string bytes;
+        for (int i = 0; i < 50; i++) {
+            Buffer buffer;
+            blob_put_u32(&buffer, UBUS_ATTR_OBJID, below(2) ? object : below(5));
+            blob_put_string(&buffer, UBUS_ATTR_METHOD, below(2) ? "send" : "register");
+            void *nest = blob_nest_start(&buffer, below(2) ? UBUS_ATTR_DATA : UBUS_ATTR_SIGNATURE);
+            blobmsg_add_string(&buffer, below(2) ? "id" : "pattern", "x*");
+            void *table = blobmsg_open_table(&buffer, "data");
+            blobmsg_add_u32(&buffer, "object", object);
+            blobmsg_close_table(&buffer, table);
+            blob_nest_end(&buffer, nest);
+            blob_put_string(&buffer, UBUS_ATTR_OBJPATH, below(2) ? "v*" : "path");
+            std::string body = bytesOf(buffer->head);
+            // Any byte behind the outer word: frames stay whole, what is in them does not.
+            for (unsigned int n = below(6); n; n--)
+                body[4 + below(static_cast<unsigned int>(body.size()) - 4)] = static_cast<char>(below(256));
+            bytes += frame(static_cast<uint8_t>(below(13)), static_cast<uint16_t>(i), victim.id(), body);
+        }
+        peer.write(bytes);
+        peer.send(UBUS_MSG_PING, 0x5a5a5a5a);
+        // The answer to the ping shows that everything in front of it was handled.
+        while (true) {
+            const Message message = peer.read();
+            if (message.type == UBUS_MSG_DATA && message.peer == 0x5a5a5a5a) break;
+            ASSERT_FALSE(testing::Test::HasFailure());
+        }
+    }
+    EXPECT_TRUE(broker.alive());
+}
+
+TEST_F(BusBroker, PassedDescriptorsAreClosed) {
+    Peer peer(broker.path());
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    std::string bytes = frame(UBUS_MSG_LOOKUP, 1, 0, fromHex("00000004"));
+    iovec part{bytes.data(), bytes.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr *rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(rights), &ends[1], sizeof(int));
+    ASSERT_EQ(sendmsg(peer.fd(), &message, 0), static_cast<ssize_t>(bytes.size()));
+    close(ends[1]);
+    EXPECT_EQ(peer.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
+    char byte;
+    EXPECT_EQ(read(ends[0], &byte, 1), 0);  // the broker holds no end of it
+    close(ends[0]);
+}
+
+TEST_F(BusBroker, MonitorSeesAllTraffic) {
+    Peer monitor(broker.path());
+    Peer peer(broker.path());
+    monitor.send(UBUS_MSG_INVOKE, UBUS_SYSTEM_OBJECT_MONITOR, [](blob_buf *buf) {
+        blob_put_u32(buf, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_MONITOR);
+        blob_put_string(buf, UBUS_ATTR_METHOD, "add");
+    });
+    // From here on all is copied, its own status first.
+    EXPECT_EQ(monitor.read().number(UBUS_MONITOR_TYPE), static_cast<uint32_t>(UBUS_MSG_STATUS));
+    EXPECT_EQ(monitor.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
+    const uint16_t seq = peer.send(UBUS_MSG_LOOKUP, 0, pathOnly("x"));
+    for (const bool sent : {false, true}) {
+        const Message copy = monitor.read();
+        EXPECT_EQ(copy.number(UBUS_MONITOR_CLIENT), peer.id());
+        EXPECT_EQ(copy.type, UBUS_MSG_MONITOR);
+        EXPECT_EQ(copy.ids(), (Ids{UBUS_MONITOR_CLIENT, UBUS_MONITOR_PEER, UBUS_MONITOR_SEQ,
+                                   UBUS_MONITOR_TYPE, UBUS_MONITOR_SEND, UBUS_MONITOR_DATA}));
+        EXPECT_EQ(copy.number(UBUS_MONITOR_SEQ), seq);
+        EXPECT_EQ(copy.number(UBUS_MONITOR_TYPE),
+                  static_cast<uint32_t>(sent ? UBUS_MSG_STATUS : UBUS_MSG_LOOKUP));
+        EXPECT_EQ(blob_get_u8(copy.attr(UBUS_MONITOR_SEND)), sent);
+    }
+}
+
+TEST_F(BusBroker, StartsAndEndsAsAService) {
+    struct stat status {};
+    ASSERT_EQ(stat(broker.path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0666U);
+    broker.process().signal(SIGHUP);
+    EXPECT_TRUE(broker.alive());
+    // A second broker takes the path over without asking.
+    Process second({UBUSD_PROGRAM, "-s", broker.path()});
+    broker.stop(SIGKILL);
+    second.signal(SIGTERM);
+    second.wait();
+    broker.start();
+    broker.process().signal(SIGTERM);
+    EXPECT_EQ(broker.process().wait().exitCode, 0);
+    EXPECT_NE(access(broker.path().c_str(), F_OK), 0);
+
+    const Ended unbound = Process({UBUSD_PROGRAM, "-s", broker.path() + "/none/sock"}).wait();
+    EXPECT_EQ(unbound.exitCode, 255);
+    EXPECT_EQ(unbound.err.rfind("usock:", 0), 0U) << unbound.err;
+    EXPECT_EQ(Process({UBUSD_PROGRAM, "-x"}).wait().exitCode, 1);
+}
