@@ -109,7 +109,7 @@ bool captureHalted() {
 }
 
 void dispatchPackets(const void *data, size_t length) {
-    if (mnl_cb_run(data, length, 0, packet_portid, packet_cb, nullptr) >= MNL_CB_STOP) return;
+    if (runMessages(data, length, packet_portid, packet_cb) >= MNL_CB_STOP) return;
     amLog(AM_LOG_ERROR, "%s:%d mnl_cb_run error!!!\n", "mainpThread", __LINE__);
     _exit(1);  // no exit(): other threads still use what its handlers would tear down
 }

@@ -88,6 +88,20 @@ namespace am {
 const nlmsghdr *buildPktPortId(void *buffer, uint32_t portid);
 const nlmsghdr *buildMirrorConfig(void *buffer, int state);
 
+// mnl_cb_run with sequence number 0 over what one receive gave.  Cuts the buffer before the first message
+// that does not fit into it: libmnl up to 1.0.4 compares lengths as signed numbers and walks out of the
+// buffer with one of 2 GiB or more.
+inline int runMessages(const void *data, size_t length, uint32_t portid, mnl_cb_t callback) {
+    size_t whole = 0;
+    while (length - whole >= sizeof(nlmsghdr)) {
+        const auto *message = reinterpret_cast<const nlmsghdr *>(static_cast<const char *>(data) + whole);
+        if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > length - whole) break;
+        whole += MNL_ALIGN(message->nlmsg_len);
+        if (whole >= length) return mnl_cb_run(data, length, 0, portid, callback, nullptr);
+    }
+    return mnl_cb_run(data, whole, 0, portid, callback, nullptr);
+}
+
 // One datagram to the kernel: what the send returned, bytes or negative; a null socket is a bad descriptor.
 ssize_t sendMessage(const mnl_socket *socket, const nlmsghdr *message);
 

@@ -78,7 +78,7 @@ void readReports(int fd) {
                   "amRecvNLMgmtSocket", __LINE__, error, strerror(error));
             return;
         }
-        if (mnl_cb_run(buffer, static_cast<size_t>(got), 0, control_portid, stats_cb, nullptr) < MNL_CB_STOP)
+        if (am::runMessages(buffer, static_cast<size_t>(got), control_portid, stats_cb) < MNL_CB_STOP)
             failWith("mnl_cb_run");
         amStatsCounter.fetch_add(1, std::memory_order_relaxed);
     }
