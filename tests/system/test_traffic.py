@@ -245,7 +245,7 @@ class Traffic(case.SystemTest):
 class Kits(case.SystemTest):
     def test_another_kit_while_packets_flow_and_the_engine_reports_from_everywhere(self):
         """No verdict with a name of the wrong kit, no entry into an engine that is being replaced."""
-        self.world.start("--report-interval", "0.2")
+        self.world.start("--report-interval", "2")
         old = {number: f"old{number}" for number in range(1, 8)}
         new = {500 + number: f"new{number}" for number in range(1, 8)}
         for round_, (engine, apps) in enumerate((("handover", old), ("other_ids", new), ("exit_reports", old),
