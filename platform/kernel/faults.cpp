@@ -83,8 +83,10 @@ Bytes damagedReport(const FlowReport &report, uint16_t attribute, bool cut) {
     return message.take();
 }
 
-uint16_t addressAttribute(const FlowReport &report) {
-    return report.flow.version == 6 ? 3 : 2;
+// The same about an IPv6 flow: the length of an IPv4 address is checked, that of an IPv6 address is not.
+FlowReport overIp6(FlowReport report) {
+    report.flow.version = 6;
+    return report;
 }
 
 }  // namespace
@@ -140,7 +142,7 @@ std::optional<Bytes> faultyReport(const std::string &kind, const FlowReport &rep
     if (kind == "no-type") return damagedReport(report, 1, false);
     if (kind == "incomplete") return damagedReport(report, 8, false);
     if (kind == "bad-port") return damagedReport(report, 7, true);
-    if (kind == "short-address") return damagedReport(report, addressAttribute(report), true);
+    if (kind == "short-address") return damagedReport(overIp6(report), 3, true);
     if (kind == "short-counters") return damagedReport(report, 10, true);
     if (kind == "no-count" || kind == "other-type") {
         MessageBuilder bare(kind == "no-count" ? kMsgReport : uint16_t{200}, kFamily4);

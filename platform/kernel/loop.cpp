@@ -278,7 +278,7 @@ bool Loop::runCommand(const Words &words, std::string &error, Json &answer) {
         return inject(words, error);
     if (name == "inject-copy-empty") return module_.injectCopy(nullptr, error);
     if (name == "inject-zero") return module_.injectZero(error);
-    if (name == "overrun") return module_.overrun(argument == "control", error);
+    if (name == "overrun") return module_.overrun(argument == "control", words.back() == "bare", error);
     if (name == "fault") {
         if (argument == "packet" || argument == "report")
             return module_.fault(argument == "report", join(words, 2), error);

@@ -62,7 +62,8 @@ class Module {
     bool injectCopy(const Bytes *message, std::string &error);  // null: the frame alone, its message missing
     bool injectZero(std::string &error);
     bool injectControl(ByteView datagram, std::string &error);
-    bool overrun(bool control, std::string &error);
+    // ENOBUFS on one of the sockets; `bare`: without the unread message that always comes with it.
+    bool overrun(bool control, bool bare, std::string &error);
     bool fault(bool report, const std::string &kind, std::string &error);
     void restart();
     void clear();

@@ -79,13 +79,17 @@ bool Module::injectControl(ByteView datagram, std::string &error) {
     return client != nullptr;
 }
 
-bool Module::overrun(bool control, std::string &error) {
+bool Module::overrun(bool control, bool bare, std::string &error) {
     Client *client = control ? controlClient() : packetClient();
-    if (client)
-        client->overrun();
-    else
+    if (!client) {
         error = "no daemon registered";
-    return client != nullptr;
+        return false;
+    }
+    client->overrun();
+    // The kernel reports an overrun when a queue is full, so there is always something to read besides.  It comes
+    // second: a reader that took it before the error would be left with the error alone.
+    if (control && !bare) client->queueLater(MessageBuilder::control(kMsgNoop, {}));
+    return true;
 }
 
 bool Module::fault(bool report, const std::string &kind, std::string &error) {
