@@ -1,0 +1,262 @@
+#include <functional>
+
+#include "unit/records/records_fixture.h"
+#include "unit/records/report_message.h"
+
+namespace {
+
+constexpr char kCountWarning[] = "Warning: The ACTUAL report number is not equals to REPORT_NUM value!\n";
+
+class StatsReport : public RecordsTest {
+  protected:
+    void SetUp() override {
+        RecordsTest::SetUp();
+        flow4_ = classified(1, 0, AM_IP_TYPE_IPV4);
+        flow6_ = classified(1, 1, AM_IP_TYPE_IPV6);
+    }
+
+    // A flow that is in the database since kNoon.
+    static capture_flow_info classified(uint32_t n, uint32_t appId, uint32_t family) {
+        const capture_flow_info info = flow(n, appId, family);
+        family == AM_IP_TYPE_IPV6 ? amUpdateEnfFlowDb6(&info) : amUpdateEnfFlowDb(&info);
+        return info;
+    }
+
+    static uint16_t agedMark(const capture_flow_info &info) {
+        AmEnfKey4 key{};
+        key.fst_ip = info.src_ip;
+        key.secnd_ip = info.dst_ip;
+        key.fstPort = static_cast<uint16_t>(info.src_port);
+        key.scndPort = static_cast<uint16_t>(info.dst_port);
+        key.proto = static_cast<uint8_t>(info.proto);
+        const AmGuard guard(amEnfFlowLock);
+        const AmEnfFlow4 *const found = amSearchEnfFlowDb(&key);
+        return found ? found->aged : 9999;
+    }
+
+    static int report(const Attrs &attrs) { return StatsMessage().count(1).report(attrs).deliver(); }
+
+    capture_flow_info flow4_, flow6_;
+};
+
+TEST_F(StatsReport, CountIsComparedWithTheReports) {
+    const Attrs report = reportOf(flow4_);
+    const struct {
+        const char *name;
+        StatsMessage message;
+        bool warns;
+    } kCases[] = {
+        {"as many", StatsMessage().count(3).report(report).report(report).report(report), false},
+        {"one too few", StatsMessage().count(3).report(report).report(report), true},
+        {"one too many", StatsMessage().count(1).report(report).report(report), true},
+        {"no count", StatsMessage().report(report), true},
+        {"nothing", StatsMessage(), false},
+        {"count behind, 0", StatsMessage().report(report).count(0), false},
+        {"count behind, as many", StatsMessage().report(report).count(1), true},
+        {"an incomplete one counts", StatsMessage().count(1).report(without(report, DPI_STA_R_A_AGED)),
+         false},
+    };
+    for (const auto &row : kCases) {
+        log_.forget();
+        EXPECT_EQ(row.message.deliver(), 1) << row.name;
+        EXPECT_EQ(log_.has(kCountWarning), row.warns) << row.name;
+    }
+}
+
+TEST_F(StatsReport, MatchedReportIsQueuedWithItsFlowsApplicationAndStart) {
+    testNow = kNoon + 60;
+    Attrs attrs =
+        with(reportOf(flow4_, 7, 4'000'000'000, 123), DPI_STA_R_A_ACCESS_PROFILE, std::string(40, 'p'));
+    attrs = with(attrs, DPI_STA_R_A_QOS_POLICY_RULE, "gold");
+    EXPECT_EQ(report(attrs), 1);
+    EXPECT_EQ(report(reportOf(flow6_, 0, 5, 6)), 1);
+
+    ASSERT_EQ(ft4CommonIndex, 1);
+    const AmFt4QueueEntry &entry = amnFt4Queue[0];
+    EXPECT_EQ(entry.fst_ip, flow4_.src_ip);
+    EXPECT_EQ(entry.secnd_ip, flow4_.dst_ip);
+    EXPECT_EQ(entry.fstPort, 40001);
+    EXPECT_EQ(entry.scndPort, 443);
+    EXPECT_EQ(entry.proto, IPPROTO_TCP);
+    EXPECT_EQ(entry.aged, 7U);
+    EXPECT_EQ(entry.byteCnt, 4'000'000'000U);
+    EXPECT_EQ(entry.pktCnt, 123U);
+    EXPECT_EQ(entry.appId, 0U);
+    EXPECT_EQ(entry.startTime, kNoon);
+    EXPECT_EQ(entry.intStartTime, 0);
+    EXPECT_EQ(std::string(entry.access_profile), std::string(31, 'p'));
+    EXPECT_EQ(std::string(entry.qos_policy_rule), "gold");
+    EXPECT_EQ(agedMark(flow4_), 7);
+
+    ASSERT_EQ(ft6CommonIndex, 1);
+    EXPECT_EQ(memcmp(&amnFt6Queue[0].fst_ip, &flow6_.src_ip6, 16), 0);
+    EXPECT_EQ(memcmp(&amnFt6Queue[0].secnd_ip, &flow6_.dst_ip6, 16), 0);
+    EXPECT_EQ(amnFt6Queue[0].appId, 1U);
+    EXPECT_EQ(amnFt6Queue[0].byteCnt, 5U);
+    EXPECT_EQ(std::string(amnFt6Queue[0].access_profile), "");
+}
+
+TEST_F(StatsReport, AnyTypeButIpv6IsIpv4) {
+    for (const char type : {'\0', '\x01', 'Q', '\xff'})
+        EXPECT_EQ(report(with(reportOf(flow4_), DPI_STA_R_A_IP_TYPE, std::string(1, type))), 1);
+    EXPECT_EQ(ft4CommonIndex, 4);
+    EXPECT_EQ(ft6CommonIndex, 0);
+}
+
+TEST_F(StatsReport, UnknownFlowTakesNoEntry) {
+    EXPECT_EQ(report(reportOf(flow(99, 0))), 1);
+    EXPECT_TRUE(log_.has(" Stats received for non exisiting flow in Flow DB\n"));
+    EXPECT_TRUE(log_.has("stats_report_cb4:"));
+    EXPECT_EQ(report(reportOf(flow(99, 0, AM_IP_TYPE_IPV6))), 1);
+    EXPECT_TRUE(log_.has("stats_report_cb6:"));
+    EXPECT_EQ(ft4CommonIndex + ft6CommonIndex, 0);
+    EXPECT_EQ(amnFt4Queue[0].fst_ip, 0U);
+}
+
+// A report without one of its attributes is passed over and the next one of the message handled; without its
+// type it ends the message.
+TEST_F(StatsReport, MissingAttributeCostsItsReportOnly) {
+    for (const capture_flow_info &flow : {flow4_, flow6_})
+        for (const Attr &missing : reportOf(flow)) {
+            const bool type = missing.number == DPI_STA_R_A_IP_TYPE;
+            clearAll();
+            StatsMessage message = StatsMessage().count(2).report(without(reportOf(flow), missing.number));
+            EXPECT_EQ(message.report(reportOf(flow)).deliver(), type ? 0 : 1) << missing.number;
+            EXPECT_EQ(ft4CommonIndex + ft6CommonIndex, type ? 0 : 1) << missing.number;
+        }
+}
+
+TEST_F(StatsReport, WrongLengthIsAnErrorOrAsGoodAsMissing) {
+    for (const capture_flow_info &flow : {flow4_, flow6_})
+        for (const Attr &attr : reportOf(flow)) {
+            const bool address6 =
+                attr.number == DPI_STA_R_A_FIRST_IPV6 || attr.number == DPI_STA_R_A_SECOND_IPV6;
+            const bool counter = attr.number == DPI_STA_R_A_BYTE_CNT || attr.number == DPI_STA_R_A_PKT_CNT;
+            for (size_t length = 0; length <= attr.payload.size() + 3; length++) {
+                const bool whole = length == attr.payload.size();
+                std::string payload = attr.payload;
+                payload.resize(length);
+                const bool fails = counter ? false : address6 ? length == 0 : !whole;
+                const bool queued = whole || (!fails && length > attr.payload.size());
+                clearAll();
+                EXPECT_EQ(report(with(reportOf(flow), attr.number, payload)), fails ? -1 : 1)
+                    << attr.number << " of " << length;
+                EXPECT_EQ(ft4CommonIndex + ft6CommonIndex, queued ? 1 : 0) << attr.number << " of " << length;
+            }
+        }
+    for (const uint16_t name : {DPI_STA_R_A_ACCESS_PROFILE, DPI_STA_R_A_QOS_POLICY_RULE})
+        EXPECT_EQ(report(with(reportOf(flow4_), name, "")), -1) << name;
+    for (const size_t length : {0U, 1U, 3U, 4U})
+        EXPECT_EQ(StatsMessage().attr(DPI_STA_A_REPORT_NUM, std::string(length, '\0')).deliver(), -1)
+            << length;
+    for (const size_t length : {1U, 2U, 3U})
+        EXPECT_EQ(StatsMessage().attr(DPI_STA_A_REPORT, std::string(length, '\0')).deliver(), -1) << length;
+}
+
+TEST_F(StatsReport, UnknownNumbersAreSteppedOver) {
+    const Attrs report = with(reportOf(flow4_), 14, "future");
+    StatsMessage message;
+    message.attr(0, "zero")
+        .attr(7, "seven")
+        .attr(13, "")
+        .attr(14, "above")
+        .count(1)
+        .report(with(report, 0, ""));
+    logLevel = AM_LOG_NONE;
+    EXPECT_EQ(message.deliver(), 1);
+    EXPECT_EQ(ft4CommonIndex, 1);
+    EXPECT_EQ(logCount("stats_report_cb \n"), 1U) << "for the attribute above 13, at every level";
+}
+
+// The memory of the message ends where it is cut, for the sanitizers to see a read beyond.
+TEST_F(StatsReport, MessageCutAnywhereIsHarmless) {
+    const auto named = [](const Attrs &attrs) {
+        return with(with(attrs, DPI_STA_R_A_ACCESS_PROFILE, "staff"), DPI_STA_R_A_QOS_POLICY_RULE, "gold");
+    };
+    StatsMessage message;
+    message.count(2).report(named(reportOf(flow4_))).report(named(reportOf(flow6_)));
+    for (size_t size = sizeof(nlmsghdr); size < message.size(); size++) {
+        message.deliver(size);
+        ASSERT_LE(ft4CommonIndex, 1) << size;
+        ASSERT_EQ(ft6CommonIndex, size + 4 > message.size() ? 1 : 0) << size;
+        clearAll();
+    }
+    EXPECT_EQ(message.deliver(), 1);
+    EXPECT_EQ(ft4CommonIndex + ft6CommonIndex, 2);
+}
+
+// An inner length that runs over the outer one, for every attribute of a report.
+TEST_F(StatsReport, InnerLengthBeyondTheReportIsHarmless) {
+    const Attrs attrs = with(reportOf(flow4_), DPI_STA_R_A_ACCESS_PROFILE, "staff");
+    for (const Attr &attr : attrs)
+        for (const uint16_t claimed : std::initializer_list<uint16_t>{0, 3, 5, 200, 0xffff}) {
+            std::string bytes = attrBytes(attrs);
+            const size_t at = bytes.find(attrBytes({attr}));
+            ASSERT_NE(at, std::string::npos);
+            memcpy(&bytes[at], &claimed, sizeof claimed);
+            StatsMessage().count(1).attr(DPI_STA_A_REPORT, bytes).deliver();
+            ASSERT_LE(ft4CommonIndex, 1);
+            clearAll();
+        }
+}
+
+TEST_F(StatsReport, ReportThatFindsAFullQueueFlushesFirst) {
+    for (int i = 0; i < kReportQueueSize; i++) report(reportOf(flow4_));
+    EXPECT_EQ(report(reportOf(flow6_)), 1);
+    EXPECT_FALSE(std::filesystem::exists(kEnfRecords)) << "a full queue, but nothing to store in it yet";
+
+    EXPECT_EQ(report(reportOf(flow4_, 0, 77)), 1);
+    EXPECT_EQ(fileLines(kEnfRecords).size(), 1U + kReportQueueSize + 1);
+    ASSERT_EQ(ft4CommonIndex, 1);
+    EXPECT_EQ(ft6CommonIndex, 0);
+    EXPECT_EQ(amnFt4Queue[0].byteCnt, 77U);
+    EXPECT_EQ(amnFt4Queue[1].fst_ip, 0U);
+}
+
+TEST_F(StatsReport, FullQueueThatCannotBeFlushedDropsAndCounts) {
+    for (int i = 0; i < kReportQueueSize; i++) report(reportOf(flow4_));
+    std::filesystem::create_directory(kEnfRecords);
+    const uint64_t droppedBefore = amReportsDropped;
+    logLevel = AM_LOG_ERROR;
+    log_.forget();
+
+    EXPECT_EQ(report(reportOf(flow4_, 1)), 1);
+    EXPECT_EQ(report(reportOf(flow4_, 2)), 1);
+    EXPECT_EQ(ft4CommonIndex, kReportQueueSize);
+    EXPECT_EQ(amReportsDropped - droppedBefore, 2U);
+    EXPECT_EQ(logCount("\n"), 2U) << "one line for each failed flush";
+    EXPECT_EQ(logCount("Failed to open AM_FLOW_RECORD file\n"), 2U);
+    EXPECT_EQ(agedMark(flow4_), 2) << "the kernel does not say so again";
+    EXPECT_EQ(report(reportOf(flow(99, 0))), 1);
+    EXPECT_EQ(amReportsDropped - droppedBefore, 2U) << "of an unknown flow there is nothing to drop";
+
+    std::filesystem::remove(kEnfRecords);
+    log_.forget();
+    EXPECT_EQ(report(reportOf(flow4_)), 1);
+    EXPECT_EQ(report(reportOf(flow4_)), 1);
+    EXPECT_EQ(ft4CommonIndex, 2);
+    EXPECT_EQ(fileLines(kEnfRecords).size(), 1U + kReportQueueSize);
+    EXPECT_EQ(logCount(" 2 reports dropped while records could not be written\n"), 1U);
+}
+
+TEST_F(StatsReport, DebuggingShowsReportsMatchedOrNot) {
+    stats_debug = 1;
+    Attrs attrs = with(reportOf(flow(99, 0), 1, 2, 3), DPI_STA_R_A_ACCESS_PROFILE, "staff");
+    attrs = with(attrs, DPI_STA_R_A_QOS_POLICY_RULE, "gold");
+    report(attrs);
+    EXPECT_TRUE(
+        log_.has("[STATS]: fst_ip 10.0.0.99, secnd_ip 192.168.0.1, fstPort 40099, scndPort 443, proto 6, "
+                 "aged 1, byteCnt 2, pktCnt 3\n"));
+    EXPECT_TRUE(log_.has("[STATS]: access_profile: staff\n"));
+    EXPECT_FALSE(log_.has("qos_policy_rule")) << "only the IPv6 lines show it";
+
+    report(with(reportOf(flow6_), DPI_STA_R_A_QOS_POLICY_RULE, "gold"));
+    EXPECT_TRUE(log_.has("[STATS]: ipv6: fst_ip 2001:db8::1, secnd_ip 2001:db8:0:1::53, fstPort 40001"));
+    EXPECT_FALSE(log_.has("qos_policy_rule")) << "only with an access profile";
+    stats_debug = 0;
+    log_.forget();
+    report(attrs);
+    EXPECT_FALSE(log_.has("[STATS]"));
+}
+
+}  // namespace
