@@ -14,7 +14,7 @@ import sys
 import tempfile
 import unittest
 
-DAEMON = pathlib.Path(sys.argv[1])
+DAEMON = pathlib.Path(sys.argv[1]).resolve()
 OPTIMISED = sys.argv[2] != "Debug"
 
 
