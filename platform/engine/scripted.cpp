@@ -61,6 +61,9 @@ bool isDue(const Tuple &tuple) {
         reportFlow(packet.tuple, appId, "", rules.flowState);
 }
 
+// For the variant without an exit entry, and after a packet that came later than the exit.
+__attribute__((destructor)) void unload() { flowSetFree(flows); }
+
 }  // namespace
 }  // namespace engine
 
