@@ -58,6 +58,9 @@ struct ControlPage {
     // Set by dpimod when it reported an overrun; cleared by the reader's next poll or receive.  Until then
     // further overruns are counted, not reported: the reader has been told already.
     alignas(64) std::atomic<uint32_t> congested;
+    // Set by dpimod while it queues a message and raises an error that belong together, so that the reader
+    // does not take the one before the other is there.
+    std::atomic<uint32_t> raising;
     std::atomic<uint32_t> ignoreOverruns;  // NETLINK_NO_ENOBUFS
 };
 static_assert(sizeof(ControlPage) <= kControlPageSize);

@@ -1,6 +1,8 @@
 #include "client.h"
 
+#include <linux/sockios.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -134,8 +136,25 @@ bool Client::flush() {
     return kept_.empty();
 }
 
-void Client::overrun() {
+int Client::unread() const {
+    int bytes = 0;
+    return ioctl(queue_.get(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+}
+
+int Client::unserved() const {
+    int bytes = 0;
+    return ioctl(session.get(), SIOCINQ, &bytes) == 0 ? bytes : 0;
+}
+
+void Client::overrun(ByteView unread) {
     ++overruns;
+    control_->raising.store(1);
+    if (!unread.empty()) queueLater(Bytes(unread.begin(), unread.end()));
+    raiseError();
+    control_->raising.store(0);
+}
+
+void Client::raiseError() {
     if (control_->ignoreOverruns.load() != 0 || control_->congested.exchange(1) != 0) return;
     // A socket's error can be raised from outside only this way: when one end of a datagram pair disconnects
     // with a message unread, the kernel flags the other end.  That message is made here; the daemon's own

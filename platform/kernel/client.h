@@ -31,8 +31,13 @@ class Client {
     void queueLater(Bytes datagram);
     // Moves kept datagrams on; true when none is left.
     bool flush();
+    // Bytes, in the kernel's own measure, that the daemon has not read, and that the daemon sent and nobody
+    // served.
+    [[nodiscard]] int unread() const;
+    [[nodiscard]] int unserved() const;
     // The netlink overrun: the socket reports ENOBUFS once, until the reader comes back.
-    void overrun();
+    // `unread`, if any, is queued with it.
+    void overrun(ByteView unread = {});
     // Wakes a reader that sleeps in poll after frames were published.
     void wakeReader();
     void clearSpaceEvent() const;
@@ -53,6 +58,7 @@ class Client {
 
   private:
     Client() = default;
+    void raiseError();
     UniqueFd queue_, daemonEnd_, memory_, wake_, space_;
     ControlPage *control_ = nullptr;
     uint8_t *ringMemory_ = nullptr;

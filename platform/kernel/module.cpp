@@ -1,8 +1,5 @@
 #include "module.h"
 
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -188,17 +185,12 @@ bool Module::waitForSpace() {
 bool Module::quiet() const {
     const auto &clients = server_->clients();
     const bool read = std::all_of(clients.begin(), clients.end(), [](const auto &client) {
-        int unread = 0;
-        if (ioctl(client->queueFd(), SIOCOUTQ, &unread) != 0) unread = 0;
         return client->gone() ||
-               (client->kept() == 0 && unread == 0 && (!client->ring || client->ring->drained()));
+               (client->kept() == 0 && client->unread() == 0 && (!client->ring || client->ring->drained()));
     });
     // Looked at last: a verdict is sent before its packet's frame is handed back.
-    return read && std::all_of(clients.begin(), clients.end(), [](const auto &client) {
-               int unserved = 0;
-               return client->gone() || ioctl(client->session.get(), SIOCINQ, &unserved) != 0 ||
-                      unserved == 0;
-           });
+    return read && std::all_of(clients.begin(), clients.end(),
+                               [](const auto &client) { return client->gone() || client->unserved() == 0; });
 }
 
 void Module::flush() {

@@ -85,10 +85,9 @@ bool Module::overrun(bool control, bool bare, std::string &error) {
         error = "no daemon registered";
         return false;
     }
-    client->overrun();
-    // The kernel reports an overrun when a queue is full, so there is always something to read besides.  It comes
-    // second: a reader that took it before the error would be left with the error alone.
-    if (control && !bare) client->queueLater(MessageBuilder::control(kMsgNoop, {}));
+    // The kernel reports an overrun when a queue is full, so there is always something to read besides.
+    const Bytes unread = MessageBuilder::control(kMsgNoop, {});
+    client->overrun(control && !bare ? ByteView(unread) : ByteView());
     return true;
 }
 

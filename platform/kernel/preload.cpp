@@ -63,6 +63,13 @@ void readerIsBack(NlSocket &nl) {
         nl.control->congested.store(0, std::memory_order_relaxed);
 }
 
+// Before a receive.  Waits for an error that is just being raised, but not for a module that died over it.
+void comesToRead(NlSocket &nl) {
+    constexpr timespec kPause{0, 20000};
+    for (int i = 0; i < 5000 && nl.control->raising.load() != 0; ++i) nanosleep(&kPause, nullptr);
+    readerIsBack(nl);
+}
+
 // Only the kernel (port id 0) can be talked to.
 int checkDestination(const sockaddr *to, socklen_t length) {
     if (!to) return 0;
@@ -341,7 +348,7 @@ STAND_IN ssize_t sendmsg(int fd, const msghdr *message, int flags) {
 STAND_IN ssize_t recv(int fd, void *data, size_t size, int flags) {
     NlSocket *nl = find(fd);
     if (!nl) return real().recv(fd, data, size, flags);
-    readerIsBack(*nl);
+    comesToRead(*nl);
     return received(real().recv(fd, data, size, flags));
 }
 
@@ -353,7 +360,7 @@ STAND_IN ssize_t __recv_chk(int fd, void *data, size_t size, size_t room, int fl
 STAND_IN ssize_t recvfrom(int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *length) {
     NlSocket *nl = find(fd);
     if (!nl) return real().recvfrom(fd, data, size, flags, from, length);
-    readerIsBack(*nl);
+    comesToRead(*nl);
     const ssize_t got = received(real().recv(fd, data, size, flags));
     if (got >= 0) storeAddress(from, length, 0);
     return got;
@@ -368,7 +375,7 @@ STAND_IN ssize_t __recvfrom_chk(int fd, void *data, size_t size, size_t room, in
 STAND_IN ssize_t recvmsg(int fd, msghdr *message, int flags) {
     NlSocket *nl = find(fd);
     if (!nl) return real().recvmsg(fd, message, flags);
-    readerIsBack(*nl);
+    comesToRead(*nl);
     msghdr plain = *message;
     plain.msg_name = nullptr;
     plain.msg_namelen = 0;
