@@ -107,7 +107,7 @@ int main(int argc, char **argv) {
     listener.cb = onConnection;
     acceptPause.cb = resumeAccepting;
     uloop_fd_add(&listener, ULOOP_READ);
-    uloop_run();
+    if (!uloop_cancelled) uloop_run();  // a run forgets what came before it
     unlink(path);
     return 0;
 }

@@ -112,7 +112,7 @@ void runLoop(ubus_context *ctx, int seconds) {
     limit.cb = endLoop;
     if (seconds > 0) uloop_timeout_set(&limit, millis(seconds));
     ubus_add_uloop(ctx);
-    uloop_run();
+    if (!uloop_cancelled) uloop_run();  // a run forgets what came before it
     uloop_timeout_cancel(&limit);
 }
 

@@ -469,12 +469,14 @@ TEST_F(BusBroker, StartsAndEndsAsAService) {
     EXPECT_TRUE(broker.alive());
     // A second broker takes the path over without asking.
     Process second({UBUSD_PROGRAM, "-s", broker.path()});
+    const ino_t first = status.st_ino;
+    for (int i = 0; i < 5000 && (stat(broker.path().c_str(), &status) != 0 || status.st_ino == first); i++)
+        usleep(1000);
     broker.stop(SIGKILL);
-    second.signal(SIGTERM);
-    second.wait();
+    EXPECT_NE(Peer(broker.path()).id(), 0U);
+    second.end(SIGTERM);
     broker.start();
-    broker.process().signal(SIGTERM);
-    EXPECT_EQ(broker.process().wait().exitCode, 0);
+    EXPECT_EQ(broker.stop().exitCode, 0);
     EXPECT_NE(access(broker.path().c_str(), F_OK), 0);
 
     const Ended unbound = Process({UBUSD_PROGRAM, "-s", broker.path() + "/none/sock"}).wait();

@@ -138,11 +138,17 @@ void Process::signal(int number) const {
 
 Ended Process::wait() {
     Ended ended{-1, readAll(out_), readAll(err_)};
-    int status = 0;
-    if (pid_ > 0) waitpid(pid_, &status, 0);
+    if (pid_ > 0) waitpid(pid_, &status_, 0);
     pid_ = -1;
-    if (WIFEXITED(status)) ended.exitCode = WEXITSTATUS(status);
+    if (WIFEXITED(status_)) ended.exitCode = WEXITSTATUS(status_);
     return ended;
+}
+
+Ended Process::end(int signalNumber) {
+    do signal(signalNumber);
+    while (waitpid(pid_, &status_, WNOHANG) == 0 && usleep(1000) == 0);
+    pid_ = -1;
+    return wait();
 }
 
 // ---- broker
@@ -174,9 +180,8 @@ void Broker::start() {
     ADD_FAILURE() << "no broker at " << path_;
 }
 
-void Broker::stop(int signalNumber) {
-    process_->signal(signalNumber);
-    process_->wait();
+Ended Broker::stop(int signalNumber) {
+    return process_->end(signalNumber);
 }
 
 bool Broker::alive() const {

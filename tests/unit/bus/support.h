@@ -51,9 +51,12 @@ class Process {
     std::string readLine();  // of its standard output
     void signal(int number) const;
     Ended wait();
+    // Signals until it ends: a loop that is about to run forgets the signal that came before.
+    Ended end(int signalNumber);
 
   private:
     pid_t pid_ = -1;
+    int status_ = 0;
     int out_ = -1, err_ = -1;
 };
 
@@ -63,7 +66,7 @@ class Broker {
     Broker();
     ~Broker();
     const std::string &path() const { return path_; }
-    void stop(int signalNumber = SIGTERM);
+    Ended stop(int signalNumber = SIGTERM);
     void start();
     bool alive() const;
     Process &process() { return *process_; }

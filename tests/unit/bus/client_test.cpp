@@ -1,0 +1,492 @@
+// The client library: against the real broker, and against one that breaks the rules.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <random>
+#include <thread>
+
+#include "support.h"
+
+using namespace bustest;
+
+namespace {
+
+std::string heard;  // by handlers, in order
+ubus_request_data deferred;
+
+int echo(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *method, blob_attr *msg) {
+    heard += method;
+    return ubus_send_reply(ctx, req, msg);
+}
+
+int replyTwice(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
+    ubus_send_reply(ctx, req, msg);
+    ubus_send_reply(ctx, req, nullptr);
+    return -5;
+}
+
+int deferInside(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
+    ubus_request_data copy;
+    ubus_defer_request(ctx, req, &copy);
+    ubus_send_reply(ctx, &copy, msg);
+    ubus_complete_deferred_request(ctx, &copy, UBUS_STATUS_OK);
+    return UBUS_STATUS_UNKNOWN_ERROR;  // ignored
+}
+
+int deferForLater(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *) {
+    ubus_defer_request(ctx, req, &deferred);
+    return UBUS_STATUS_OK;
+}
+
+// A synchronous call from within a handler.
+int lookItself(ubus_context *ctx, ubus_object *obj, ubus_request_data *, const char *, blob_attr *) {
+    uint32_t id = 0;
+    const int status = ubus_lookup_id(ctx, obj->name, &id);
+    return status == UBUS_STATUS_OK && id == obj->id ? 42 : status;
+}
+
+int replyTooMuch(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *) {
+    Buffer reply;
+    blobmsg_add_field(&reply, BLOBMSG_TYPE_UNSPEC, "big", nullptr, UBUS_MAX_MSGLEN);
+    return ubus_send_reply(ctx, req, reply->head);
+}
+
+constexpr blobmsg_policy kArguments[] = {{"name", BLOBMSG_TYPE_STRING}, {"level", BLOBMSG_TYPE_INT32}};
+const ubus_method kMethods[] = {
+    UBUS_METHOD("echo", echo, kArguments),           UBUS_METHOD_NOARG("twice", replyTwice),
+    UBUS_METHOD_NOARG("defer", deferInside),         UBUS_METHOD_NOARG("later", deferForLater),
+    UBUS_METHOD_NOARG("look", lookItself),           UBUS_METHOD_NOARG("toomuch", replyTooMuch),
+    UBUS_METHOD_MASK("masked", echo, kArguments, 2),
+};
+
+class BusClient : public testing::Test {
+  protected:
+    void SetUp() override {
+        heard.clear();
+        ctx = ubus_connect(broker.path().c_str());
+        ASSERT_TRUE(ctx);
+        ubus_add_uloop(ctx);
+    }
+    void TearDown() override {
+        ubus_free(ctx);
+        uloop_done();
+    }
+    // Publishes "demo".
+    void serve() {
+        type = UBUS_OBJECT_TYPE("create", kMethods);
+        object = {};
+        object.name = "demo";
+        object.type = &type;
+        object.methods = kMethods;
+        object.n_methods = ARRAY_SIZE(kMethods);
+        ASSERT_EQ(ubus_add_object(ctx, &object), UBUS_STATUS_OK);
+    }
+    static uint16_t call(Peer &caller, uint32_t id, const char *method) {
+        return caller.send(UBUS_MSG_INVOKE, id, [&](blob_buf *buf) {
+            blob_put_u32(buf, UBUS_ATTR_OBJID, id);
+            blob_put_string(buf, UBUS_ATTR_METHOD, method);
+            void *data = blob_nest_start(buf, UBUS_ATTR_DATA);
+            blobmsg_add_u32(buf, "level", 1);
+            blob_nest_end(buf, data);
+        });
+    }
+
+    Broker broker;
+    ubus_context *ctx = nullptr;
+    ubus_object object{};
+    ubus_object_type type{};
+};
+
+void hear(ubus_context *, ubus_event_handler *, const char *event, blob_attr *msg) {
+    heard += event + json(msg) + ' ';
+}
+
+}  // namespace
+
+TEST_F(BusClient, HandlersAnswerCalls) {
+    serve();
+    Peer caller(broker.path());
+    const struct {
+        const char *method;
+        std::vector<std::string> replies;
+        int status;
+    } kCases[] = {
+        {"echo", {R"({"level":1})"}, UBUS_STATUS_OK},  {"twice", {R"({"level":1})", "{}"}, -5},
+        {"defer", {R"({"level":1})"}, UBUS_STATUS_OK}, {"look", {}, 42},
+        {"none", {}, UBUS_STATUS_METHOD_NOT_FOUND},
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.method);
+        const uint16_t seq = call(caller, object.id, c.method);
+        uloop_run_timeout(1000);
+        for (const std::string &reply : c.replies) EXPECT_EQ(caller.read().members(), reply);
+        const Message status = caller.read();
+        EXPECT_EQ(status.seq, seq);
+        EXPECT_EQ(static_cast<int>(status.number(UBUS_ATTR_STATUS)), c.status);
+    }
+    // Without DATA.
+    caller.send(UBUS_MSG_INVOKE, object.id, [&](blob_buf *buf) {
+        blob_put_u32(buf, UBUS_ATTR_OBJID, object.id);
+        blob_put_string(buf, UBUS_ATTR_METHOD, "echo");
+    });
+    uloop_run_timeout(1000);
+    EXPECT_EQ(caller.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_F(BusClient, DeferredCallIsCompletedLater) {
+    serve();
+    Peer caller(broker.path());
+    call(caller, object.id, "later");
+    uloop_run_timeout(1000);
+    call(caller, object.id, "echo");  // others are served meanwhile
+    uloop_run_timeout(1000);
+    EXPECT_EQ(caller.read().seq, 2);
+    EXPECT_EQ(caller.read().seq, 2);
+    ubus_complete_deferred_request(ctx, &deferred, 9);
+    const Message status = caller.read();
+    EXPECT_EQ(status.seq, 1);
+    EXPECT_EQ(status.number(UBUS_ATTR_STATUS), 9U);
+}
+
+TEST_F(BusClient, SignatureShowsWhatTheMaskLeaves) {
+    serve();
+    std::string signature;
+    const auto onObject = [](ubus_context *, ubus_object_data *data, void *priv) {
+        *static_cast<std::string *>(priv) = json(data->signature);
+    };
+    EXPECT_EQ(ubus_lookup(ctx, "demo", onObject, &signature), UBUS_STATUS_OK);
+    EXPECT_EQ(signature,
+              R"({"echo":{"name":3,"level":5},"twice":{},"defer":{},"later":{},"look":{},"toomuch":{},)"
+              R"("masked":{"level":5}})");
+    uint32_t id = 7;
+    EXPECT_EQ(ubus_lookup_id(ctx, "none", &id), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), UBUS_STATUS_OK);
+    EXPECT_EQ(object.id, 0U);
+    EXPECT_EQ(type.id, 0U);
+    EXPECT_EQ(ubus_remove_object(ctx, &object), UBUS_STATUS_NOT_FOUND);
+}
+
+TEST_F(BusClient, CallOfOneselfTimesOutAndIsServedAfterwards) {
+    serve();
+    Buffer message;
+    EXPECT_EQ(ubus_invoke(ctx, object.id, "echo", message->head, nullptr, nullptr, 20), UBUS_STATUS_TIMEOUT);
+    EXPECT_EQ(heard, "");
+    for (int i = 0; i < 2; i++) uloop_run_timeout(100);
+    EXPECT_EQ(heard, "echo");
+    // Its answer comes too late and is nobody's.
+    uint32_t id = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx, "demo", &id), UBUS_STATUS_OK);
+    // Without a loop it is served right after the call.
+    uloop_fd_delete(&ctx->sock);
+    EXPECT_EQ(ubus_invoke(ctx, object.id, "echo", message->head, nullptr, nullptr, 20), UBUS_STATUS_TIMEOUT);
+    EXPECT_EQ(heard, "echoecho");
+}
+
+TEST_F(BusClient, EventsAreHeardThroughTheLoop) {
+    ubus_event_handler handler{};
+    handler.cb = hear;
+    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, nullptr), UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, ""), UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, "app.reload"), UBUS_STATUS_OK);
+    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, "ubus.object.*"), UBUS_STATUS_OK);
+    Buffer message;
+    blobmsg_add_u32(&message, "a", 1);
+    EXPECT_EQ(ubus_send_event(ctx, "app.reload", message->head), UBUS_STATUS_OK);  // not to oneself
+    // The announcement comes while the call that causes it still waits.
+    serve();
+    EXPECT_EQ(heard, "");
+    Peer sender(broker.path());
+    sender.sendEvent("app.reload", [](blob_buf *buf) { blobmsg_add_u8(buf, "b", 1); });
+    for (int i = 0; i < 4 && heard.find("reload") == std::string::npos; i++) uloop_run_timeout(100);
+    EXPECT_EQ(heard, "ubus.object.add{\"id\":" + std::to_string(static_cast<int32_t>(object.id)) +
+                         ",\"path\":\"demo\"} app.reload{\"b\":true} ");
+    EXPECT_EQ(ubus_unregister_event_handler(ctx, &handler), UBUS_STATUS_OK);
+}
+
+TEST_F(BusClient, AsynchronousCallsReportThroughTheLoop) {
+    Peer provider(broker.path());
+    const uint32_t id = provider.addObject("far");
+    struct Result {
+        std::string data;
+        int status = -1;
+        bool abort = false;
+    } results[2];
+    ubus_request requests[2];
+    for (int i = 0; i < 2; i++) {
+        ASSERT_EQ(ubus_invoke_async(ctx, id, "x", nullptr, &requests[i]), UBUS_STATUS_OK);
+        requests[i].priv = &results[i];
+        requests[i].data_cb = [](ubus_request *req, int, blob_attr *msg) {
+            auto *result = static_cast<Result *>(req->priv);
+            result->data += json(msg);
+            if (result->abort) ubus_abort_request(req->ctx, req);
+        };
+        requests[i].complete_cb = [](ubus_request *req, int status) {
+            static_cast<Result *>(req->priv)->status = status;
+        };
+        ubus_complete_request_async(ctx, &requests[i]);
+    }
+    results[0].abort = true;
+    for (int i = 0; i < 2; i++) {
+        const Message call = provider.read();
+        for (const auto messageType : {UBUS_MSG_DATA, UBUS_MSG_STATUS}) {
+            Buffer answer;
+            blob_put_u32(&answer, UBUS_ATTR_OBJID, id);
+            blob_put_u32(&answer, UBUS_ATTR_STATUS, 7);
+            blob_put(&answer, UBUS_ATTR_DATA, nullptr, 0);
+            provider.write(frame(messageType, call.seq, call.peer, bytesOf(answer->head)));
+        }
+    }
+    for (int i = 0; i < 20 && results[1].status < 0; i++) uloop_run_timeout(100);
+    EXPECT_EQ(results[0].data, "{}");
+    EXPECT_EQ(results[0].status, -1);
+    EXPECT_EQ(results[1].data, "{}");
+    EXPECT_EQ(results[1].status, 7);
+}
+
+TEST_F(BusClient, TooLargeMessagesAreRefusedBeforeSending) {
+    serve();
+    Buffer message;
+    blobmsg_add_field(&message, BLOBMSG_TYPE_UNSPEC, "big", nullptr, UBUS_MAX_MSGLEN);
+    EXPECT_EQ(ubus_invoke(ctx, object.id, "echo", message->head, nullptr, nullptr, 20),
+              UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(ubus_send_event(ctx, "x", message->head), UBUS_STATUS_INVALID_ARGUMENT);
+    uint32_t id = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx, "demo", &id), UBUS_STATUS_OK);
+
+    // A reply is not checked: it costs the provider its connection.
+    static bool lost;
+    lost = false;
+    ctx->connection_lost = [](ubus_context *) { lost = true; };
+    Peer caller(broker.path());
+    call(caller, object.id, "toomuch");
+    for (int i = 0; i < 4 && !lost; i++) uloop_run_timeout(1000);
+    EXPECT_TRUE(lost);
+}
+
+TEST_F(BusClient, LoopRunsOnWithoutItsBroker) {
+    static int completed;
+    completed = -1;
+    ubus_request request;
+    Peer provider(broker.path());
+    ASSERT_EQ(ubus_invoke_async(ctx, provider.addObject("far"), "x", nullptr, &request), UBUS_STATUS_OK);
+    request.complete_cb = [](ubus_request *, int status) { completed = status; };
+    ubus_complete_request_async(ctx, &request);
+    provider.read();
+    broker.stop(SIGKILL);
+    uloop_timeout later{};
+    later.cb = [](uloop_timeout *) {
+        heard += "later";
+        uloop_end();
+    };
+    uloop_timeout_set(&later, 5);
+    EXPECT_EQ(uloop_run(), 0);
+    EXPECT_EQ(heard, "later");
+    EXPECT_EQ(completed, UBUS_STATUS_TIMEOUT);
+    EXPECT_FALSE(ctx->sock.registered);
+    uint32_t id;
+    EXPECT_EQ(ubus_lookup_id(ctx, "demo", &id), UBUS_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_F(BusClient, WaitingCallFailsWhenTheBrokerDies) {
+    Peer provider(broker.path());
+    const uint32_t id = provider.addObject("far");
+    static int losses;
+    losses = 0;
+    ctx->connection_lost = [](ubus_context *) { losses++; };
+    std::thread killer([&] {
+        provider.read();  // the call is under way
+        broker.stop(SIGKILL);
+    });
+    EXPECT_EQ(ubus_invoke(ctx, id, "x", nullptr, nullptr, nullptr, 0), UBUS_STATUS_CONNECTION_FAILED);
+    killer.join();
+    uloop_run_timeout(0);
+    EXPECT_EQ(losses, 1);
+}
+
+TEST_F(BusClient, ReconnectPublishesObjectsAgain) {
+    serve();
+    const uint32_t before = object.id;
+    broker.stop();
+    EXPECT_EQ(ubus_reconnect(ctx, broker.path().c_str()), UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(ctx->sock.fd, -1);
+    broker.start();
+    EXPECT_EQ(ubus_reconnect(ctx, broker.path().c_str()), UBUS_STATUS_OK);
+    EXPECT_NE(object.id, before);
+    uint32_t id = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx, "demo", &id), UBUS_STATUS_OK);
+    EXPECT_EQ(id, object.id);
+    EXPECT_FALSE(ctx->sock.registered);
+}
+
+TEST(BusClientErrors, StatusTexts) {
+    EXPECT_STREQ(ubus_strerror(UBUS_STATUS_NOT_SUPPORTED), "Operation not supported");
+    EXPECT_STREQ(ubus_strerror(UBUS_STATUS_SYSTEM_ERROR), "System error");
+    EXPECT_STREQ(ubus_strerror(14), "Unknown error: 14");
+    EXPECT_STREQ(ubus_strerror(-1), "Unknown error: -1");
+    EXPECT_EQ(ubus_connect("/nonexistent/sock"), nullptr);
+    EXPECT_EQ(ubus_connect(std::string(200, 'x').c_str()), nullptr);
+    ubus_free(nullptr);
+    uloop_done();
+}
+
+// ---- a broker that sends what it likes
+
+namespace {
+
+// Accepts one connection, sends the bytes and closes; then the next.
+class FakeBroker {
+  public:
+    FakeBroker() {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_ = testing::TempDir() + "fake-bus-" + std::to_string(getpid());
+        unlink(path_.c_str());
+        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 || listen(fd_, 1) != 0)
+            abort();
+    }
+    ~FakeBroker() {
+        close(fd_);
+        unlink(path_.c_str());
+    }
+    FakeBroker(const FakeBroker &) = delete;
+    FakeBroker &operator=(const FakeBroker &) = delete;
+
+    // Connects a client to it that makes one call, and gives the status of that; -1 without a connection.
+    int attempt(const std::string &greeting, const std::string &answer) const {
+        std::thread server([&] {
+            const int client = accept(fd_, nullptr, nullptr);
+            send(client, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+            pollfd input{client, POLLIN, 0};
+            poll(&input, 1, answer.empty() ? 0 : -1);
+            send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+            close(client);
+        });
+        int status = -1;
+        if (ubus_context *ctx = ubus_connect(path_.c_str())) {
+            ctx->monitor_cb = [](ubus_context *, uint32_t, blob_attr *data) { json(data); };
+            ubus_add_uloop(ctx);
+            std::string found;
+            status = ubus_lookup(
+                ctx, "x",
+                [](ubus_context *, ubus_object_data *data, void *priv) {
+                    *static_cast<std::string *>(priv) += data->path;
+                    if (data->signature) json(data->signature);
+                },
+                &found);
+            for (int i = 0; i < 3; i++) uloop_run_timeout(0);
+            ubus_free(ctx);
+        }
+        server.join();
+        return status;
+    }
+
+  private:
+    std::string path_;
+    int fd_ = -1;
+};
+
+const char kHello[] =
+    "0000000011223344"
+    "00000004";
+const char kStatus4[] =
+    "0001000100000000"
+    "0000000c"
+    "0100000800000004";
+
+}  // namespace
+
+TEST(BusClientHostile, BrokenFramesEndTheConnection) {
+    FakeBroker fake;
+    const std::string hello = fromHex(kHello);
+    EXPECT_EQ(fake.attempt(hello, fromHex(kStatus4)), 4);
+    const struct {
+        const char *what, *greeting, *answer;
+        int status;
+    } kCases[] = {
+        {"nothing", "", "", -1},
+        {"cut greeting", "00000000112233", "", -1},
+        {"no greeting", kStatus4, "", -1},
+        {"greeting of another version", "010000001122334400000004", "", -1},
+        {"client id 0", "000000000000000000000004", "", -1},
+        {"length 3", kHello, "000100010000000000000003", 10},
+        {"length 0", kHello, "000100010000000000000000", 10},
+        {"length above the limit", kHello, "000100010000000000100001", 10},
+        {"length that rounds above the limit", kHello, "0001000100000000000ffffd", 10},
+        {"other version", kHello,
+         "0101000100000000"
+         "0000000c"
+         "0100000800000004",
+         10},
+        {"cut message", kHello,
+         "0001000100000000"
+         "0000000c"
+         "01000008",
+         10},
+        {"status without a number", kHello,
+         "0001000100000000"
+         "0000000c"
+         "0200000800000004",
+         2},
+        {"answer to somebody else", kHello,
+         "0001000200000000"
+         "0000000c"
+         "0100000800000000",
+         10},
+        {"attribute longer than the message", kHello,
+         "0002000100000000"
+         "0000000c"
+         "02ffffff00000000",
+         10},
+        {"unterminated path", kHello,
+         "0002000100000000"
+         "0000001c"
+         "0200000841414141"
+         "0300000811111111"
+         "0500000811111111",
+         10},
+        {"outer length that is no multiple of four", kHello,
+         "0001000100000000"
+         "0000000b"
+         "01000008000000",
+         2},
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(fake.attempt(fromHex(c.greeting), fromHex(c.answer)), c.status);
+    }
+    uloop_done();
+}
+
+TEST(BusClientHostile, RandomMessagesAreSurvived) {
+    FakeBroker fake;
+    std::mt19937 random(3);
+    const auto below = [&](unsigned int limit) {
+        return std::uniform_int_distribution<unsigned int>(0, limit - 1)(random);
+    };
+    for (int round = 0; round < 100; round++) {
+        std::string answer;
+        for (int i = 0; i < 20; i++) {
+            Buffer buffer;
+            blob_put_string(&buffer, UBUS_ATTR_OBJPATH, "path");
+            blob_put_u32(&buffer, UBUS_ATTR_OBJID, 5000);
+            blob_put_u32(&buffer, UBUS_ATTR_OBJTYPE, 5000);
+            void *nest = blob_nest_start(&buffer, UBUS_ATTR_SIGNATURE);
+            blobmsg_add_string(&buffer, "name", "value");
+            void *table = blobmsg_open_table(&buffer, "table");
+            blobmsg_add_double(&buffer, "double", 1);
+            blobmsg_close_table(&buffer, table);
+            blob_nest_end(&buffer, nest);
+            std::string body = bytesOf(buffer->head);
+            for (unsigned int n = below(6); n; n--)
+                body[4 + below(static_cast<unsigned int>(body.size()) - 4)] = static_cast<char>(below(256));
+            answer += frame(static_cast<uint8_t>(1 + below(12)), 1, 0, body);
+        }
+        fake.attempt(fromHex(kHello), answer);
+    }
+    EXPECT_EQ(fake.attempt(fromHex(kHello), fromHex(kStatus4)), 4);
+    uloop_done();
+}
