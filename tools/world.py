@@ -67,10 +67,10 @@ def make_kit(output=KIT, engine="scripted", apps=None, ndpi=False, **options):
     command = [str(MKKIT), "-o", str(output)]
     if ndpi:
         command += ["--ndpi", str(ENGINES)]
-    else:
+    elif options.get("without") != "lib":
         command += ["--engine", str(ENGINES / engine / "libcapture.so")]
-        if apps is not None:
-            command += ["--apps", ";".join(f"{number},{name}" for number, name in apps.items())]
+    if apps is not None:
+        command += ["--apps", ";".join(f"{number},{name}" for number, name in apps.items())]
     for name, value in options.items():
         for item in value if isinstance(value, (list, tuple)) else [value]:
             command += [f"--{name}", str(item)]
