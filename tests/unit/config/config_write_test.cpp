@@ -1,0 +1,206 @@
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <random>
+
+#include "unit/config/config_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using ConfigWrite = ConfigTest;
+using Files = std::vector<std::string>;
+
+TEST_F(ConfigWrite, FileHoldsGroupsListsAndStateInThisOrder) {
+    configureOffice();
+    EXPECT_EQ(written(), R"({
+	"ApplicationVisbilityProfile":	[{
+			"appMonUpdateSignatureFile":	{
+				"reloadSignFile":	"force"
+			},
+			"avAppGroup":	{
+				"office":	[{
+						"appName":	"calendar"
+					}, {
+						"appName":	"mail"
+					}]
+			},
+			"avAppMonAppList":	{
+				"appList":	[{
+						"appName":	"dns"
+					}],
+				"appGroup":	[]
+			},
+			"avDpiAppList":	{
+				"appList":	[],
+				"appGroup":	["office"]
+			},
+			"appMonAdminState":	{
+				"adminState":	"enable"
+			}
+		}]
+}
+)");
+    amNetLinkMirrorState(0);
+    reloadSignFile = 0;
+    const std::string disabled = written();
+    EXPECT_NE(disabled.find("\"adminState\":\t\"disable\""), std::string::npos);
+    EXPECT_NE(disabled.find("\"office\""), std::string::npos);
+    EXPECT_EQ(disabled.find("reloadSignFile"), std::string::npos);
+}
+
+// The entry names its last group; what counts is whether that group is on the list in question.
+TEST_F(ConfigWrite, ApplicationCoveredByItsGroupIsNotListedOnItsOwn) {
+    amAddAppToGrp("G", "mail");
+    amAddGrpToAppList("G", AM_LIST_ENFORCEMENT);
+    amAddAppToAppList("mail", nullptr, AM_LIST_MONITORING);
+    const std::string text = written();
+    EXPECT_NE(
+        text.find("\"avAppMonAppList\":\t{\n\t\t\t\t\"appList\":\t[{\n\t\t\t\t\t\t\"appName\":\t\"mail\""),
+        std::string::npos)
+        << text;
+    EXPECT_NE(text.find("\"avDpiAppList\":\t{\n\t\t\t\t\"appList\":\t[],\n\t\t\t\t\"appGroup\":\t[\"G\"]"),
+              std::string::npos)
+        << text;
+}
+
+TEST_F(ConfigWrite, EverythingComesBackAsItWas) {
+    std::mt19937 random(11);
+    const char *const apps[] = {"calendar", "dns", "mail", "a-name-that-fills-its-field-full",
+                                "quote\" \\ \x01 \xc3\xbc"};
+    // In the order of their names, in which they are put on a list again: an application names its last
+    // group.
+    const char *const groups[] = {"\"{}[]:,", "a group name that fills its forty letters", "office",
+                                  "u\xc3\xa9"};
+    for (int round = 0; round < 100; round++) {
+        forgetEverything();
+        for (const char *group : groups)
+            for (const char *app : apps)
+                if (random() % 3 == 0) amAddAppToGrp(group, app);
+        for (const uint32_t list : {AM_LIST_MONITORING, AM_LIST_ENFORCEMENT}) {
+            for (const char *app : apps)
+                if (random() % 3 == 0) amAddAppToAppList(app, nullptr, list);
+            for (const char *group : groups)
+                if (random() % 3 == 0 && amFindGrpNode(&amAppGrpTree, group)) amAddGrpToAppList(group, list);
+        }
+        amNetLinkMirrorState(random() % 2);
+        const bool enabled = mirroring();
+        const std::string before = written();
+
+        forgetEverything();
+        amParseConfigFromFile();
+        if (!enabled) {
+            EXPECT_EQ(rbtCount(&amAppGrpTree), 0U) << "a disabled state ends the load";
+            continue;
+        }
+        ASSERT_EQ(mirroring(), 1);
+        ASSERT_EQ(written(), before);
+    }
+}
+
+TEST_F(ConfigWrite, FileIsReplacedForItsUserAloneAndNothingElseStays) {
+    umask(0);
+    std::ofstream("/var/config/dpi.conf.new") << "left behind by a daemon that was killed";
+    written();
+    EXPECT_EQ(filesInFolder(), Files{"dpi.conf"});
+    struct stat file {};
+    ASSERT_EQ(stat(kConfigPath, &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600U);
+    umask(022);
+}
+
+TEST_F(ConfigWrite, LinksAreFollowedToWhatTheyName) {
+    fs::create_directory("/var/config/real");
+    for (const char *target : {"real/dpi.conf", "/var/config/real/dpi.conf"}) {
+        fs::remove(kConfigPath);
+        fs::remove("/var/config/real/dpi.conf");
+        fs::create_symlink(target, kConfigPath);
+        for (int i = 0; i < 2; i++) {  // a link to nothing, then to a file
+            written();
+            EXPECT_TRUE(fs::is_symlink(kConfigPath)) << target;
+            EXPECT_TRUE(fs::is_regular_file("/var/config/real/dpi.conf")) << target;
+        }
+    }
+    fs::remove(kConfigPath);
+    fs::create_symlink("dpi.conf", kConfigPath);
+    amWriteConfigToFile();
+    EXPECT_TRUE(fs::is_symlink(kConfigPath)) << "to itself";
+}
+
+TEST_F(ConfigWrite, WhereTheFolderTakesNoNewFileTheFileIsWrittenInPlace) {
+    putConfig(std::string(100'000, 'x'));
+    struct stat before {};
+    struct stat after {};
+    ASSERT_EQ(stat(kConfigPath, &before), 0);
+    fs::create_directory("/var/config/dpi.conf.new");
+    const std::string text = written();
+    ASSERT_EQ(stat(kConfigPath, &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(text.substr(0, 2), "{\n");
+    EXPECT_EQ(text.back(), '\n');
+}
+
+TEST_F(ConfigWrite, WhatCannotBeOpenedIsNotWritten) {
+    fs::create_directory(kConfigPath);
+    amWriteConfigToFile();
+    EXPECT_EQ(filesInFolder(), Files{"dpi.conf"});
+    fs::rename("/var/config", "/var/elsewhere");
+    amWriteConfigToFile();
+    EXPECT_FALSE(fs::exists("/var/config"));
+    EXPECT_EQ(log_.text(), "");
+    fs::rename("/var/elsewhere", "/var/config");
+}
+
+TEST_F(ConfigWrite, FullDiskKeepsTheFileThatWasThere) {
+    const std::string before = written();
+    configureOffice();
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit unlimited{};
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    const size_t size = written().size();
+    putConfig(before);
+    for (size_t room = 0; room < size; room++) {
+        rlimit limit = unlimited;
+        limit.rlim_cur = room;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        amWriteConfigToFile();
+        setrlimit(RLIMIT_FSIZE, &unlimited);
+        ASSERT_EQ(fileText(), before) << room;
+        ASSERT_EQ(filesInFolder(), Files{"dpi.conf"}) << room;
+    }
+    EXPECT_EQ(written().size(), size);
+}
+
+// Killed at any moment, the daemon leaves the old file or the new one.
+TEST_F(ConfigWrite, KillNeverLeavesHalfAFile) {
+    configureOffice();
+    const std::string one = written();
+    reloadSignFile = 0;
+    amClearAppEnfList();
+    const std::string other = written();
+    std::mt19937 random(5);
+    for (int round = 0; round < 100; round++) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            for (bool office = true;; office = !office) {
+                reloadSignFile = office;
+                office ? amAddGrpToAppList("office", AM_LIST_ENFORCEMENT) : amClearAppEnfList();
+                amWriteConfigToFile();
+            }
+        }
+        usleep(static_cast<useconds_t>(random() % 3000));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const std::string text = fileText();
+        ASSERT_TRUE(text == one || text == other) << text;
+    }
+    written();
+    EXPECT_EQ(filesInFolder(), Files{"dpi.conf"});
+}
+
+}  // namespace
