@@ -5,7 +5,13 @@ extern "C" {
 }
 #include <libubus.h>
 
+#include <algorithm>
+
 #include "fuzz.h"
+#include "netlink/enf_flow_db.h"
+#include "netlink/verdict.h"
+#include "records/enf_records.h"
+#include "records/mon_records.h"
 #include "ubus/methods.h"
 #include "world.h"
 
@@ -69,14 +75,9 @@ extern "C" void ubus_complete_deferred_request(ubus_context *, ubus_request_data
     requestsCompleted++;
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::makeWorld();
-    return 0;
-}
+namespace {
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size > 60000) return 0;
-    const Method &method = kMethods[fuzz::takeByte(data, size) % kMethodCount];
+void request(const Method &method, const uint8_t *data, size_t size) {
     const auto message = makeMessage(data, size);
     ubus_context context{};
     ubus_object object{};
@@ -85,6 +86,39 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(method.handler(&context, &object, &request, method.name,
                               reinterpret_cast<blob_attr *>(message.get())) == 0);
     FUZZ_CHECK(request.deferred && repliesSent == 1 && requestsCompleted == 1);
+}
+
+// Something for the dumps to show.
+void makeFlows() {
+    capture_flow_info info{};
+    info.proto = IPPROTO_UDP;
+    info.app_id = 2;
+    amUpdateEnfFlowDb(&info);
+    amUpdateEnfFlowDb6(&info);
+    amUpdateMonFlow(&info);
+    amUpdateMonFlow6(&info);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    fuzz::makeWorld();
+    // Record files, so that an export comes as far as the transfer.
+    for (const char *path : {kEnfRecords, kEnfRecordsOld, kMonRecords})
+        fuzz::writeFile(path, reinterpret_cast<const uint8_t *>("line\n"), 5);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    makeFlows();
+    while (size >= 3) {
+        const Method &method = kMethods[fuzz::takeByte(data, size) % kMethodCount];
+        const size_t high = fuzz::takeByte(data, size);
+        const size_t length = std::min(high << 8 | fuzz::takeByte(data, size), size);
+        request(method, data, length);
+        data += length;
+        size -= length;
+    }
     fuzz::resetModel();
     return 0;
 }

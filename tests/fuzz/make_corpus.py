@@ -233,12 +233,21 @@ def calls():
                                         "d": (DOUBLE, struct.pack(">d", 1.5)), "unspec": (0, b"")}),
         "quotes": ("SETappMonClearConfig", {"password": 'a"b\\', "p\"assword": "x\n\t\x01"}),
     }
-    inputs = {name: bytes([METHODS.index(method)]) + table(values) for name, (method, values) in everything.items()}
-    inputs |= {f"empty_{i}": bytes([i]) for i in range(len(METHODS))}
-    whole = inputs["dpi"]
-    inputs |= {"cut": whole[:-9], "length_0": whole[:4] + bytes(8), "length_max": whole[:1] + b"\x81\xff\xff\xff" + whole[5:],
-               "name_length": whole[:5] + b"\xff\xff" + whole[7:], "no_terminator": bytes([7]) + member(
-                   "adminState", (STRING, b"enable")), "not_extended": bytes([11]) + blob(3, b"text\0")}
+
+    def request(method, data):
+        return struct.pack(">BH", METHODS.index(method), len(data)) + data
+
+    inputs = {name: request(method, table(values)) for name, (method, values) in everything.items()}
+    whole = table(everything["dpi"][1])
+    broken = {"cut": whole[:-9], "length_0": whole[:4] + bytes(8), "length_max": b"\x81\xff\xff\xff" + whole[4:],
+              "name_length": whole[:4] + b"\xff\xff" + whole[6:], "not_extended": blob(3, b"text\0"),
+              "no_terminator": member("appList", (STRING, b"text"))}
+    inputs |= {name: request("SETavDpiAppList", data) for name, data in broken.items()}
+    inputs["unterminated_text"] = request("SETappMonAdminState", member("adminState", (STRING, b"enable")))
+    inputs["empty"] = b"".join(request(method, b"") for method in METHODS)
+    steps = ["group", "mon", "dpi", "debug", "appMonAdminState", "group_replace", "debug", "activate", "group_delete",
+             "clear", "disable", "stats", "stats"]
+    inputs["a_day"] = b"".join(inputs[step] for step in steps)
     save("bus_methods", **inputs)
 
 

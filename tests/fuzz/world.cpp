@@ -9,6 +9,7 @@
 #include "fuzz.h"
 #include "netlink/enf_flow_db.h"
 #include "netlink/sockets.h"
+#include "records/mon_records.h"
 
 // In place of the libraries' functions, which need the switch or a server, and would make runs slow and
 // different from each other.
@@ -66,6 +67,9 @@ void resetModel() {
     amClearAppMonList();
     amClearAppEnfList();
     amCleanAppGroup();
+    amMonQueueLock.lock();
+    amMonFlowCounter = amMonFlow6Counter = 0;
+    amMonQueueLock.unlock();
     amLogOpen("/dev/null", AM_LOG_STATS);
     print_debug = flow_debug = stats_debug = 1;
 }
