@@ -1,0 +1,237 @@
+#include "kit/kit_update.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "appmodel/app_lists.h"
+#include "appmodel/app_pool.h"
+#include "kit/engine.h"
+#include "kit/shell.h"
+#include "kit_world.h"
+
+namespace kit_test {
+
+constexpr char kKit[] = "/flash/HAppSig.upgrade_kit";
+constexpr char kStaged[] = "/var/flash/switch/zor/app_mon/HAppSig.upgrade_kit_new";
+
+class KitUpdate : public KitTest {
+  protected:
+    void SetUp() override {
+        KitTest::SetUp();
+        memset(CurMd5Sum, 0, sizeof CurMd5Sum);
+        shell("mkdir -p /tmp/kit/lib/ni && cp " KIT_TEST_ENGINES "/whole.so /tmp/kit/lib/ni/libcapture.so");
+        writeFile("/tmp/kit/compatibility.txt", "1\n");
+        writeFile("/tmp/kit/version", "1.0\n");
+        writeFile("/tmp/kit/AppMon_Signature_Index.csv", "id,name\n17,Mail,x\n4,Web,x\n");
+    }
+    void TearDown() override {
+        amQsCleanUp();
+        amUnLoadQsKit();
+        KitTest::TearDown();
+    }
+    static void pack(const std::string &members = ".") {
+        shell(std::string("tar -czf ") + kKit + " -C /tmp/kit " + members);
+    }
+    static void install() {
+        ASSERT_EQ(1, dpiValidateKit());
+        amUpdateKit();
+    }
+    static std::string digestOfKit() {
+        const std::string content = readFile(kKit);
+        return md5Of(content);
+    }
+    static std::string remembered() {
+        std::string text;
+        char byte[3];
+        for (const uint8_t value : CurMd5Sum) text += (snprintf(byte, sizeof byte, "%02x", value), byte);
+        return text;
+    }
+};
+
+TEST_F(KitUpdate, WithoutAKitNothingIsRun) {
+    EXPECT_EQ(0, dpiValidateKit());
+    expectLog(": app Signature kit not present in /flash\n");
+    EXPECT_FALSE(exists("/var/flash"));
+}
+
+TEST_F(KitUpdate, ValidKitIsStagedAndTheTestExtractionRemoved) {
+    pack();
+    EXPECT_EQ(1, dpiValidateKit());
+    EXPECT_EQ(readFile(kKit), readFile(kStaged));
+    EXPECT_FALSE(exists(kKitTestDir));
+}
+
+TEST_F(KitUpdate, KitOfAnotherLevelIsRefusedAndItsExtractionStays) {
+    writeFile("/tmp/kit/compatibility.txt", "2\n");
+    pack();
+    EXPECT_EQ(0, dpiValidateKit());
+    expectLog("Kit not comaptible 2\n");
+    expectLog(": app Signature kit is not compitable with QEL \n");
+    EXPECT_TRUE(exists(kKitTestDir));
+    EXPECT_FALSE(exists(kStaged));
+    amCleanUpdateKit();
+    EXPECT_FALSE(exists("/var/flash"));
+}
+
+TEST_F(KitUpdate, KitThatIsNoArchiveIsMalformed) {
+    writeFile(kKit, "no archive");
+    EXPECT_EQ(0, dpiValidateKit());
+    expectLog("Unable to untar kit tar -xvzf /flash/HAppSig.upgrade_kit -C  /var/flash/.tmp_  \n");
+    expectLog(": app Signature kit from /flash is malformed\n");
+}
+
+TEST_F(KitUpdate, TruncatedKitIsMalformed) {
+    pack();
+    const std::string whole = readFile(kKit);
+    writeFile(kKit, whole.substr(0, whole.size() - 20));
+    EXPECT_EQ(0, dpiValidateKit());
+    expectLog(": app Signature kit from /flash is malformed\n");
+}
+
+// 2^40 bytes: nothing of them is left in 32 bits.
+TEST_F(KitUpdate, KitLargerThanTheScratchAreaIsRefused) {
+    writeFile(kKit, "");
+    ASSERT_EQ(0, truncate(kKit, off_t{1} << 40));
+    EXPECT_EQ(0, dpiValidateKit());
+    expectLog("fileStat.st_size 1099511627776\n");
+    expectLog(":Insufficient flash space\n");
+    EXPECT_FALSE(exists(kKitTestDir));
+}
+
+TEST_F(KitUpdate, NothingIsWrittenOutsideTheExtraction) {
+    shell("mkdir -p /tmp/out && ln -s /tmp/out /tmp/kit/link && echo x >/tmp/kit/plain");
+    const char *const packings[] = {
+        "--transform s,plain,/tmp/out/absolute, -P .",
+        "--transform s,plain,../../../../tmp/out/upwards, -P .",
+        "./compatibility.txt ./link --transform s,plain,link/through, ./plain",
+    };
+    for (const char *packing : packings) {
+        pack(packing);
+        shell(std::string("tar -tzPf ") + kKit + " | grep -q out/ || tar -tzf " + kKit +
+              " | grep -q link/through");
+        (void)dpiValidateKit();
+        shell("test -z \"$(ls /tmp/out)\"");
+        amCleanUpdateKit();
+    }
+}
+
+TEST_F(KitUpdate, InstallationReplacesPoolEngineAndArray) {
+    pack();
+    install();
+    EXPECT_TRUE(amEngineLoaded());
+    EXPECT_EQ(17, getAppNode("Mail")->appId);
+    EXPECT_EQ(18U, amMaxAppIdCount);
+    EXPECT_EQ(1, amCreateAppGrp(&amAppGrpTree, "Office"));
+    EXPECT_EQ(1, amAddAppToAppList("Mail", nullptr, AM_LIST_MONITORING));
+    EXPECT_FALSE(exists("/var/flash"));
+    EXPECT_TRUE(exists(kKit));
+    EXPECT_FALSE(exists("/lib/libcapture.so"));
+
+    writeFile("/tmp/kit/AppMon_Signature_Index.csv", "id,name\n30,Mail,x\n5,Chat,x\n");
+    pack();
+    install();
+    EXPECT_EQ(nullptr, getAppNode("Web"));
+    EXPECT_EQ(5, getAppNode("Chat")->appId);
+    EXPECT_EQ(17, getAppNode("Mail")->appId);  // the id of an application that stays does not change
+    EXPECT_EQ(31U, amMaxAppIdCount);
+    EXPECT_EQ(0, amActiveApp(17)->isMonitoring);
+    EXPECT_EQ(nullptr, amFindGrpNode(&amAppGrpTree, "Office"));
+    expectLog("Kit update complete Spawning Thread\n");
+}
+
+TEST_F(KitUpdate, FailedExtractionLeavesTheInstalledKitInPlace) {
+    pack();
+    install();
+    ASSERT_EQ(1, dpiValidateKit());
+    writeFile(kStaged, "no archive");
+    amUpdateKit();
+    expectLog("[ERROR]:   amUpdateKit():");
+    expectLog(": Unable to Unzip KIT to appMon folder, KIT file corrupted\n");
+    EXPECT_TRUE(amEngineLoaded());
+    EXPECT_EQ(AM_APP_VALID, getAppNode("Mail")->state);
+}
+
+TEST_F(KitUpdate, KitWithoutAnIndexLeavesEngineAndArrayAndAnObsoletePool) {
+    pack();
+    install();
+    shell("rm /tmp/kit/AppMon_Signature_Index.csv");
+    pack();
+    install();
+    expectLog(": Unable to Create app-pool for new kit\n");
+    EXPECT_TRUE(amEngineLoaded());
+    EXPECT_NE(nullptr, amActiveApp(17));
+    ASSERT_NE(nullptr, getAppNode("Mail"));
+    EXPECT_EQ(AM_APP_OBSOLETE, getAppNode("Mail")->state);
+}
+
+TEST_F(KitUpdate, KitIsInstalledOnceUntilItChanges) {
+    pack();
+    EXPECT_EQ(1, amcCheckKit());  // no engine yet: in any case
+    EXPECT_EQ(digestOfKit(), remembered());
+    EXPECT_EQ(1, amcCheckKit());
+    expectLog(" GET md5sum\n");
+    expectNoLog(" compare md5sum\n");
+    install();
+    EXPECT_EQ(0, amcCheckKit());
+    expectLog(" md5sum same\n");
+    writeFile("/tmp/kit/version", "1.1\n");
+    pack();
+    EXPECT_EQ(1, amcCheckKit());
+    expectLog(" md5sum diffrent\n");
+    EXPECT_EQ(digestOfKit(), remembered());
+    EXPECT_EQ(0, amcCheckKit());
+}
+
+TEST_F(KitUpdate, UnreadableKitAtTheFirstCheckIsRememberedAsZero) {
+    memset(CurMd5Sum, 7, sizeof CurMd5Sum);
+    EXPECT_EQ(1, amcCheckKit());
+    expectLog("amcMd5SigKitDigest DPI: /flash/HAppSig.upgrade_kit Cannot be opened.\n");
+    EXPECT_EQ(std::string(32, '0'), remembered());
+}
+
+TEST_F(KitUpdate, LoggedDigestHasBlanksForLeadingZeros) {
+    const uint8_t digest[16] = {0x00, 0x0f, 0x10, 0xff, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0xab, 0xcd, 0xef};
+    dumpMd5String(digest);
+    expectLog("[ERROR]: md5sum:  0 f10ff 1 2 3 4 5 6 7 8 9abcdef\n");
+}
+
+TEST_F(KitUpdate, FactoryKitIsStagedOnRequest) {
+    EXPECT_EQ(0, amUnzipKit(kKitFromFactory));
+    expectLog(
+        "cp /usr/local/share/system/zor/app_mon/HAppSig.upgrade_kit "
+        "/var/flash/switch/zor/app_mon/HAppSig.upgrade_kit_new");
+    EXPECT_EQ(0, amUnzipKit(kKitStaged));
+    expectLog("file /var/flash/switch/zor/app_mon/HAppSig.upgrade_kit_new not found\n");
+}
+
+TEST_F(KitUpdate, CommandsResultIsItsExitCode) {
+    char command[64];
+    EXPECT_EQ(0, am::runCommand(command, sizeof command, "true"));
+    EXPECT_EQ(3, am::runCommand(command, sizeof command, "exit %d", 3));
+    EXPECT_STREQ("exit 3", command);
+    EXPECT_EQ(127, am::runCommand(command, sizeof command, "no-such-command-anywhere 2>/dev/null"));
+    EXPECT_EQ(-1, am::runCommand(command, sizeof command, "kill -9 $$"));
+    EXPECT_EQ(-1, am::runCommand(command, 8, "touch %s", "/tmp/cut"));
+    EXPECT_FALSE(exists("/tmp/c") || exists("/tmp/cut"));
+    EXPECT_EQ(-1, decodeSystemResult(-1));
+    EXPECT_EQ(255, decodeSystemResult(255 << 8));
+}
+
+// Ending the daemon while a kit is being installed.
+TEST_F(KitUpdate, InterruptDuringACommandIsNotLost) {
+    static volatile sig_atomic_t interrupted;
+    interrupted = 0;
+    struct sigaction ours {};
+    struct sigaction before {};
+    ours.sa_handler = [](int) { interrupted = 1; };
+    sigaction(SIGINT, &ours, &before);
+    char command[64];
+    EXPECT_EQ(0, am::runCommand(command, sizeof command, "kill -INT %d", getpid()));
+    sigaction(SIGINT, &before, nullptr);
+    EXPECT_EQ(1, interrupted);
+}
+
+}  // namespace kit_test

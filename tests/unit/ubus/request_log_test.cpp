@@ -1,0 +1,162 @@
+#include "ubus/request_log.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+
+#include "core/paths.h"
+#include "unit/ubus/fakes.h"
+
+namespace {
+
+std::string masked(std::string text) {
+    mask_pass(text.data(), static_cast<int>(text.size()));
+    return text;
+}
+
+TEST(MaskPass, HidesTheValuesOfPasswordsAndNothingElse) {
+    const struct {
+        const char *text, *masked;
+    } rows[] = {
+        {"", ""},
+        {"password", "password"},
+        {R"("password": "abc")", R"("password": "***")"},
+        {R"({"user": "password"})", R"({"user": "password"})"},
+        {R"("password": "", "a": "b")", R"("password": "", "a": "b")"},
+        {R"("username": "u", "password": "sec ret", "filePath": "f")",
+         R"("username": "u", "password": "*******", "filePath": "f")"},
+        {"\"password\":\t\"a\nb\"", "\"password\":\t\"***\""},
+        // A backslash before a quote does not protect it.
+        {R"("password": "a\"b", "x": "y")", R"("password": "**"b", "x": "y")"},
+        {R"("password": "password", "x": "y")", R"("password": "********", "x": "y")"},
+        {R"("password": "p", "password": "q")", R"("password": "*", "password": "*")"},
+        {R"("oldpassword": "p", "passwords": "q")", R"("oldpassword": "*", "passwords": "*")"},
+        // As a value, it is the following key that stands where its value would be.
+        {R"("user": "password", "filePath": "f")", R"("user": "password", "********": "f")"},
+        // The count goes on where the text ended before the third quote.
+        {R"("password": "never ends)", R"("password": "**********)"},
+        {R"(password password "x" "y")", R"(password password "x"*"y")"},
+        {"password password", "password password"},
+        // The next word is looked for nine characters on, so one that follows at once is not seen.
+        {R"(passwordpassword "v")", R"(passwordpassword "v")"},
+        {R"(password)"
+         "\"",
+         R"(password)"
+         "\""},
+    };
+    for (const auto &row : rows) EXPECT_EQ(masked(row.text), row.masked) << row.text;
+}
+
+TEST(MaskPass, NothingBehindTheLengthIsTouched) {
+    char text[] = R"("password": "abcdef")";
+    mask_pass(text, 15);
+    EXPECT_STREQ(text, R"("password": "**cdef")");
+    char none[] = R"("password": "abcdef")";
+    mask_pass(none, 0);
+    EXPECT_STREQ(none, R"("password": "abcdef")");
+}
+
+class RequestLog : public MethodTest {
+  protected:
+    void SetUp() override {
+        MethodTest::SetUp();
+        (void)rmdir(kRequestLogPath);
+        // The stream of an earlier case is dropped the way the daemon drops it: at the limit.
+        std::ofstream(kRequestLogPath, std::ios::trunc) << "";
+        setSize(2'097'152);
+    }
+    static void setSize(off_t bytes) { ASSERT_EQ(truncate(kRequestLogPath, bytes), 0); }
+    static std::string text() {
+        std::ostringstream text;
+        text << std::ifstream(kRequestLogPath).rdbuf();
+        return text.str();
+    }
+    static void log(const char *json) { log_ubus_msg(Message(json).get()); }
+};
+
+TEST_F(RequestLog, EntryIsTheTimeAndTheMessageOneMemberALine) {
+    log(R"({"username":"me","password":"secret!","t":{}})");
+    const std::string entry = text();
+    ASSERT_GT(entry.size(), 19U);
+    EXPECT_TRUE(std::regex_match(entry.substr(0, 19), std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)")));
+    EXPECT_EQ(entry.substr(19),
+              " : ubus msg :\n{\n\t\"username\": \"me\",\n\t\"password\": \"*******\",\n\t\"t\": "
+              "{\n\t\t\n\t}\n}\n");
+    log("{}");
+    EXPECT_EQ(text().substr(entry.size() + 19), " : ubus msg :\n{\n\t\n}\n");
+    log(nullptr);
+    EXPECT_EQ(text().substr(entry.size() + 19), " : ubus msg :\n{\n\t\n}\n");
+    struct stat file {};
+    ASSERT_EQ(stat(kRequestLogPath, &file), 0);
+    EXPECT_EQ(file.st_mode & 0777U, 0600U);
+}
+
+TEST_F(RequestLog, EveryMethodLogsItsRequestWhateverTheLevel) {
+    logLevel = AM_LOG_NONE;
+    log("{}");
+    for (const Handler handler :
+         {CREATEavSignatureProfile, SETappMonClearConfig, SETappMonUpdateSignatureFile, CREATEavAppGroup,
+          CREATEavAppMonAppList, CREATEavDpiAppList, SETappMonActivateAppList, SETappMonAdminState,
+          SETavAppGroup, DELETEavAppGroup, SETavAppMonAppList, SETavDpiAppList, GETavDpiStats,
+          GETavAppMonStats, SetavDebugSettings}) {
+        const size_t before = text().size();
+        call(handler, R"({"password":"seven77"})");
+        EXPECT_EQ(text().substr(before + 19), " : ubus msg :\n{\n\t\"password\": \"*******\"\n}\n");
+    }
+}
+
+TEST_F(RequestLog, LongEntryIsCut) {
+    log("{}");
+    const size_t before = text().size();
+    log((R"({"filePath":")" + std::string(6000, 'f') + R"("})").c_str());
+    EXPECT_EQ(text().size() - before, 4095U);
+}
+
+TEST_F(RequestLog, FileIsRestartedAtTwoMebibytes) {
+    log("{}");
+    const size_t entry = text().size();
+    setSize(2'097'151);
+    log("{}");
+    EXPECT_EQ(text().size(), 2'097'151 + entry);
+    log(R"({"a":1})");
+    EXPECT_EQ(text().substr(19), " : ubus msg :\n{\n\t\"a\": 1\n}\n");
+}
+
+TEST_F(RequestLog, StandardErrorTakesThePlaceOfAFileThatCannotBeOpened) {
+    log("{}");
+    setSize(2'097'152);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const rlimit none{3, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    log(R"({"a":1})");
+    log(R"({"b":2})");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    (void)fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error opening ubus log file: /var/log/ubusDpi.log\n");
+    const std::string entries = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(entries.substr(19, 25), " : ubus msg :\n{\n\t\"a\": 1\n}");
+    EXPECT_NE(entries.find("\"b\": 2"), std::string::npos);
+}
+
+TEST_F(RequestLog, MessageThatWouldOverrunTheFormattersStackIsLeftOut) {
+    Message message("{}");
+    for (int level = 0; level < 50000; level++) (void)blobmsg_open_nested(&message.buffer(), "", true);
+    // Closed by hand: the outermost container, and each below it.
+    blob_attr *outer = static_cast<blob_attr *>(message.buffer().buf);
+    const auto total = static_cast<uint32_t>(50000 * 8 + 4);
+    for (uint32_t i = 0; i <= 50000; i++) {
+        auto *at =
+            reinterpret_cast<blob_attr *>(reinterpret_cast<char *>(outer) + (i == 0 ? 0 : 4 + (i - 1) * 8));
+        blob_set_raw_len(at, i == 0 ? total : total - 4 - (i - 1) * 8);
+    }
+    log_ubus_msg(outer);
+    EXPECT_TRUE(log_.has("[ERROR]: log_ubus_msg:"));
+}
+
+}  // namespace
