@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <climits>
 #include <thread>
 
 #include "appmodel/app_pool.h"
@@ -164,7 +165,7 @@ TEST_F(KitEngine, UpdateReplacesTheEngineAndTheArray) {
 }
 
 // A thread as busy as the capture thread can be: packets never stop coming, so that nothing but the wish of
-// the event-loop thread gets it off the gate.  Bursts of a million packets test stepping aside between
+// the event-loop thread gets it off the gate.  A burst without an end tests stepping aside between
 // packets, bursts of one the letting go before a wait.
 class KitEngineGate : public KitEngine, public ::testing::WithParamInterface<int> {};
 
@@ -201,6 +202,6 @@ TEST_P(KitEngineGate, NoPacketReachesAnEngineThatIsNotStarted) {
     EXPECT_GE(packets, static_cast<uint64_t>(kReloads / 10));
     EXPECT_EQ(0U, strays);
 }
-INSTANTIATE_TEST_SUITE_P(Bursts, KitEngineGate, ::testing::Values(1, 1000000));
+INSTANTIATE_TEST_SUITE_P(Bursts, KitEngineGate, ::testing::Values(1, INT_MAX));
 
 }  // namespace kit_test
