@@ -149,22 +149,22 @@ class Admin(case.SystemTest):
 
     def test_kits_that_install_only_partly(self):
         self.configure()
-        world.make_kit(apps=APPS, without="index")
-        self.world.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
-        self.world.settle()
-        self.assertIn("Unable to Create app-pool for new kit\n", self.log())
-        self.world.log_level("INFO")
-        self.assertIn("App-Name Mail Grp-Name talk", self.world.dump())
         index = pathlib.Path("/tmp/index.csv")
         index.write_text("any header\n2,Chat,a,b,c,d,e\n70000,,Wrapped,a,b,c,d\n")
         world.make_kit(index=index, without="lib")
         self.world.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
         self.world.settle()
         self.assertIn("capture file not found\n", self.log())
+        self.world.log_level("INFO")
         self.assertNotIn("Mail", self.world.dump(), "groups and lists go with the old kit")
         self.world.call("SETavDpiAppList", {"appList": [{"appName": "Wrapped"}, {"appName": "Chat"}]})
         self.assertIn("AppId 4464 App-Name Wrapped\n", self.world.dump())
         self.assert_fails("Adding App to Enforcement List Failed", "SETavDpiAppList", {"appList": [{"appName": "Mail"}]})
+        world.make_kit(apps=APPS, without="index")
+        self.world.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
+        self.world.settle()
+        self.assertIn("Unable to Create app-pool for new kit\n", self.log())
+        self.assertIn("AppId 4464 App-Name Wrapped\n", self.world.dump())
 
     def test_the_same_kit_twice_is_installed_once(self):
         self.configure()
