@@ -159,7 +159,8 @@ class Admin(case.SystemTest):
         self.assertNotIn("Mail", self.world.dump(), "groups and lists go with the old kit")
         self.world.call("SETavDpiAppList", {"appList": [{"appName": "Wrapped"}, {"appName": "Chat"}]})
         self.assertIn("AppId 4464 App-Name Wrapped\n", self.world.dump())
-        self.assert_fails("Adding App to Enforcement List Failed", "SETavDpiAppList", {"appList": [{"appName": "Mail"}]})
+        self.assert_fails("Adding App to Enforcement List Failed", "CREATEavDpiAppList",
+                          {"appList": [{"appName": "Mail"}]})
         world.make_kit(apps=APPS, without="index")
         self.world.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
         self.world.settle()
