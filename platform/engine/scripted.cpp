@@ -62,7 +62,9 @@ bool isDue(const Tuple &tuple) {
 }
 
 // For the variant without an exit entry, and after a packet that came later than the exit.
-__attribute__((destructor)) void unload() { flowSetFree(flows); }
+__attribute__((destructor)) void unload() {
+    flowSetFree(flows);
+}
 
 }  // namespace
 }  // namespace engine
