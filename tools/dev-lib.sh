@@ -62,9 +62,9 @@ stage_tsan() {
 }
 
 stage_fuzz() {
-    say "fuzz targets, ${1:-20} s each"
+    say "fuzz targets, ${1:-18} s each"
     build fuzz fuzz_targets
-    tools/fuzz "${1:-20}"
+    tools/fuzz "${1:-18}"
 }
 
 run_stages() {

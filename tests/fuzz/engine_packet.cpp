@@ -19,10 +19,36 @@ extern "C" {
 __attribute__((visibility("default"))) int (*capture_flow_func)(const capture_flow_info *) = takeReport;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+namespace {
+
+timeval when{1'700'000'000, 0};
+
+#ifdef ENGINE_STARTS_SLOWLY
+// Started once; between inputs, time passes until all flows have expired.
+void start() {
+    static const bool started = (test_capture(), true);
+    (void)started;
+}
+void stop(size_t packets) {
+    constexpr capture_pkt kEmpty{nullptr, 0};
+    when.tv_sec += 3600;
+    for (size_t i = 0; i < packets; i++) pcap_packet(&kEmpty, &when);
+}
+#else
+void start() {
     test_capture();
-    timeval when{1'700'000'000, 0};
-    while (size >= 2) {
+}
+void stop(size_t) {
+    test_capture_exit();
+}
+#endif
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    size_t packets = 0;
+    start();
+    for (; size >= 2; packets++) {
         const size_t high = fuzz::takeByte(data, size);
         const size_t length = std::min(high << 8 | fuzz::takeByte(data, size), size);
         fuzz::ExactCopy packet(data, length);
@@ -33,6 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         size -= length;
         when.tv_sec++;
     }
-    test_capture_exit();
+    stop(packets);
     return 0;
 }

@@ -395,7 +395,9 @@ def captures():
          other_link=capture(105, ethernet), cut=capture(1, ethernet)[:60], header_only=capture(1, []), nothing=b"",
          pcapng=block + interface + packet + struct.pack("=I", 32 + len(frame)))
     joined = {name: struct.pack(">H", len(packet)) + packet for name, packet in PACKETS.items()}
-    save("engine_packet", **joined, all=b"".join(joined.values()), empty=b"\0\0",
+    everything = b"".join(joined.values())
+    save("engine_ndpi", **joined, all=everything, long=(joined["tcp4"] + joined["udp6"]) * 40)
+    save("engine_packet", **joined, all=everything, empty=b"\0\0",
          scripted=struct.pack(">H", 28) + ipv4(udp(destination=10007), 17))
 
 
