@@ -174,7 +174,7 @@ TEST(BusVectors, PoliciesChooseMembers) {
         std::vector<blob_attr *> found(policy.size());
         EXPECT_EQ(blobmsg_parse(policy.data(), static_cast<int>(policy.size()), found.data(), bytes.data(),
                                 static_cast<unsigned int>(bytes.size())),
-                  static_cast<int>(number(cJSON_GetObjectItem(vector, "return"))));
+                  static_cast<int>(cJSON_GetNumberValue(cJSON_GetObjectItem(vector, "return"))));
         for (size_t i = 0; i < found.size(); i++) {
             const cJSON *want =
                 cJSON_GetObjectItem(cJSON_GetObjectItem(vector, "found"), std::to_string(i).c_str());
