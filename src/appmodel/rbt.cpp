@@ -25,13 +25,17 @@ uint32_t leftCount(const RbtNode *node) {
     return node->word / kOneLeft;
 }
 
-// The child on the side that a comparison chose: left for a negative one.  Selected without a branch, since
-// the direction is a coin toss that no predictor learns and a wrong guess costs more than the compare.
+// The child on the side that a comparison chose: left for a negative one.  Compiled to a conditional move:
+// the direction is a coin toss that no predictor learns.
 RbtNode *childFor(const RbtNode *node, int order) {
-    const uintptr_t left = reinterpret_cast<uintptr_t>(node->left);
-    const uintptr_t right = reinterpret_cast<uintptr_t>(node->right);
-    const uintptr_t goesLeft = 0 - static_cast<uintptr_t>(order < 0);
-    return reinterpret_cast<RbtNode *>(right ^ ((left ^ right) & goesLeft));
+    return order < 0 ? node->left : node->right;
+}
+
+// Both children are asked for while the comparison decides between them: in a large tree each level is a
+// cache miss, and this is the only work there is to hide it behind.
+void prefetchChildren(const RbtNode *node) {
+    __builtin_prefetch(node->left);
+    __builtin_prefetch(node->right);
 }
 
 // The header's only child is its left one, so this holds for the root as well.
@@ -182,6 +186,7 @@ Closest descend(const RbtTree *tree, const RbtNode *key) {
     RbtNode *node = nullptr;
     for (RbtNode *next = tree->header.left; next != &tree->sentinel;) {
         node = next;
+        prefetchChildren(node);
         const int order = compare(key, node);
         if (order == 0) return {node, true};
         next = childFor(node, order);
@@ -234,6 +239,7 @@ void rbtInsert(RbtTree *tree, RbtNode *node) {
     for (RbtNode *next = parent->left; next != &tree->sentinel; next = childFor(parent, order)) {
         parent->word += order < 0 ? kOneLeft : 0;
         parent = next;
+        prefetchChildren(parent);
         order = compare(node, parent);
     }
     parent->word += order < 0 ? kOneLeft : 0;
@@ -251,8 +257,9 @@ void rbtRemove(RbtTree *tree, RbtNode *node) {
     RbtNode *spliced = node;
     if (node->left != none && node->right != none) spliced = leftmost(tree, node->right);
 
+    // Written without a branch on the side, which is again a coin toss.
     for (const RbtNode *at = spliced; at != &tree->header; at = at->parent)
-        if (isLeftChild(at)) at->parent->word -= kOneLeft;
+        at->parent->word -= isLeftChild(at) ? kOneLeft : 0;
 
     // The sentinel too learns its parent: the fix-up starts from it.
     RbtNode *child = spliced->left != none ? spliced->left : spliced->right;
