@@ -81,7 +81,8 @@ int ask(int session, const Request &request, uint32_t *value, int *fds, size_t f
     do got = real().recvmsg(session, &message, MSG_CMSG_CLOEXEC);
     while (got < 0 && errno == EINTR);
     const cmsghdr *carried = CMSG_FIRSTHDR(&message);
-    if (carried && carried->cmsg_type == SCM_RIGHTS && carried->cmsg_len == CMSG_LEN(fdCount * sizeof(int)))
+    if (carried && fds && carried->cmsg_type == SCM_RIGHTS &&
+        carried->cmsg_len == CMSG_LEN(fdCount * sizeof(int)))
         memcpy(fds, CMSG_DATA(carried), fdCount * sizeof(int));
     if (got != sizeof reply) return EPROTONOSUPPORT;
     if (value) *value = reply.value;

@@ -17,11 +17,11 @@ namespace nl26 {
 struct NlSocket {
     std::atomic<int> fd{-1};  // the daemon's descriptor, the queue
     int session = -1, memory = -1, wake = -1, space = -1;
-    dpimod::ControlPage *control = nullptr;
     uint32_t portid = 0;  // 0: not bound
-    dpimod::RingRequest request{};
+    dpimod::ControlPage *control = nullptr;
     // Where the daemon mapped the ring.  It is read in poll, so it stays mapped until the socket is closed.
     std::atomic<uint8_t *> ring{nullptr};
+    dpimod::RingRequest request{};
 };
 
 // The socket behind a descriptor, null if it is none of ours.

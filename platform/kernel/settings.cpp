@@ -1,6 +1,7 @@
 #include "settings.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -135,7 +136,7 @@ bool parseSeconds(const std::string &text, uint64_t &milliseconds) {
     const char *end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, value);
     if (result.ec != std::errc() || result.ptr != end || !(value >= 0 && value < 1e9)) return false;
-    milliseconds = static_cast<uint64_t>(value * 1000 + 0.5);
+    milliseconds = static_cast<uint64_t>(std::llround(value * 1000));
     return true;
 }
 

@@ -72,6 +72,7 @@ std::string numberList(std::span<const uint16_t> numbers) {
 void checkOrder(const std::vector<Attribute> &attributes, std::span<const uint16_t> expected,
                 std::vector<std::string> &problems) {
     std::vector<uint16_t> order;
+    order.reserve(attributes.size());
     for (const Attribute &attribute : attributes) order.push_back(attribute.type);
     if (!std::equal(order.begin(), order.end(), expected.begin(), expected.end()))
         problems.emplace_back("attributes " + numberList(order) + ", expected " + numberList(expected));

@@ -43,7 +43,10 @@ constexpr size_t aligned(size_t length) {
 struct Endpoint {
     std::array<uint8_t, 16> address{};  // network byte order
     uint16_t port = 0;                  // host byte order
-    auto operator<=>(const Endpoint &) const = default;
+    bool operator==(const Endpoint &) const = default;
+    bool operator<(const Endpoint &other) const {
+        return address != other.address ? address < other.address : port < other.port;
+    }
 };
 
 struct FiveTuple {

@@ -69,6 +69,7 @@ Process::Process(const std::vector<std::string> &command, const std::vector<std:
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) fail("pipe");
     std::vector<char *> words;
+    words.reserve(command.size() + 1);
     for (const std::string &word : command) words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
     pid_ = fork();
