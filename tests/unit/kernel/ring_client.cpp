@@ -74,7 +74,7 @@ std::string openSockets(bool withRing, uint32_t wanted) {
     portid = wanted ? wanted : static_cast<uint32_t>(getpid());
     control = mnl_socket_open(26);
     if (!control) return problem("open");
-    if (mnl_socket_bind(control, 0, portid) != 0) return problem("bind");
+    if (mnl_socket_bind(control, 0, static_cast<pid_t>(portid)) != 0) return problem("bind");
     if (mnl_socket_get_portid(control) != portid) return "error port id";
     packets = mnl_socket_open(26);
     if (!packets) return problem("open");
@@ -88,7 +88,7 @@ std::string openSockets(bool withRing, uint32_t wanted) {
         ring.base = static_cast<uint8_t *>(base);
         ring.index = 0;
     }
-    if (mnl_socket_bind(packets, 0, portid | 0x10000) != 0) return problem("bind");
+    if (mnl_socket_bind(packets, 0, static_cast<pid_t>(portid | 0x10000)) != 0) return problem("bind");
     char buffer[4096];
     nlmsghdr *message = newMessage(buffer, 21, 2);
     mnl_attr_put_u32(message, 1, portid | 0x10000);
