@@ -57,8 +57,8 @@ struct V6 {
     { return amSearchEnfFlowDb6(&key); }
 };
 
-// Whether an attribute holds a whole value of this size.  The kernel module pads nothing: what is shorter is
-// as good as missing.
+// Whether an attribute holds a whole value of this size.  Its check lets shorter ones pass: they are as good
+// as missing.
 bool holds(const nlattr *attr, size_t size) {
     return attr && mnl_attr_get_payload_len(attr) >= size;
 }
