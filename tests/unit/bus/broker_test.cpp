@@ -57,7 +57,7 @@ TEST_F(BusBroker, ObjectsAreAddedFoundAndRemoved) {
             blob_put_string(buf, UBUS_ATTR_OBJPATH, path);
             type(buf);
         });
-        const Message data = provider.read();
+        Message data = provider.read();
         EXPECT_EQ(provider.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
         EXPECT_EQ(data.peer, 7U);
         return data;
@@ -196,25 +196,25 @@ TEST_F(BusBroker, RequestsThatCannotBeServedGetTheirStatus) {
         };
     };
     const struct {
+        int status;
         uint8_t type;
         Peer::Fill fill;
-        int status;
     } kCases[] = {
-        {UBUS_MSG_HELLO, nullptr, UBUS_STATUS_INVALID_COMMAND},
-        {UBUS_MSG_MONITOR, nullptr, UBUS_STATUS_INVALID_COMMAND},
-        {12, nullptr, UBUS_STATUS_INVALID_COMMAND},
-        {255, nullptr, UBUS_STATUS_INVALID_COMMAND},
-        {UBUS_MSG_SUBSCRIBE, nullptr, UBUS_STATUS_NOT_SUPPORTED},
-        {UBUS_MSG_UNSUBSCRIBE, nullptr, UBUS_STATUS_NOT_SUPPORTED},
-        {UBUS_MSG_NOTIFY, nullptr, UBUS_STATUS_NOT_SUPPORTED},
-        {UBUS_MSG_INVOKE, invoke(0, "x"), UBUS_STATUS_INVALID_ARGUMENT},
-        {UBUS_MSG_INVOKE, invoke(5000, nullptr), UBUS_STATUS_INVALID_ARGUMENT},
-        {UBUS_MSG_INVOKE, invoke(5000, "x"), UBUS_STATUS_NOT_FOUND},
-        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_ACL, "query"), UBUS_STATUS_NOT_FOUND},
-        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "x"), UBUS_STATUS_INVALID_COMMAND},
-        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "send"), UBUS_STATUS_INVALID_ARGUMENT},
-        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "register"), UBUS_STATUS_INVALID_ARGUMENT},
-        {UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_MONITOR, "x"), UBUS_STATUS_METHOD_NOT_FOUND},
+        {UBUS_STATUS_INVALID_COMMAND, UBUS_MSG_HELLO, nullptr},
+        {UBUS_STATUS_INVALID_COMMAND, UBUS_MSG_MONITOR, nullptr},
+        {UBUS_STATUS_INVALID_COMMAND, 12, nullptr},
+        {UBUS_STATUS_INVALID_COMMAND, 255, nullptr},
+        {UBUS_STATUS_NOT_SUPPORTED, UBUS_MSG_SUBSCRIBE, nullptr},
+        {UBUS_STATUS_NOT_SUPPORTED, UBUS_MSG_UNSUBSCRIBE, nullptr},
+        {UBUS_STATUS_NOT_SUPPORTED, UBUS_MSG_NOTIFY, nullptr},
+        {UBUS_STATUS_INVALID_ARGUMENT, UBUS_MSG_INVOKE, invoke(0, "x")},
+        {UBUS_STATUS_INVALID_ARGUMENT, UBUS_MSG_INVOKE, invoke(5000, nullptr)},
+        {UBUS_STATUS_NOT_FOUND, UBUS_MSG_INVOKE, invoke(5000, "x")},
+        {UBUS_STATUS_NOT_FOUND, UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_ACL, "query")},
+        {UBUS_STATUS_INVALID_COMMAND, UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "x")},
+        {UBUS_STATUS_INVALID_ARGUMENT, UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "send")},
+        {UBUS_STATUS_INVALID_ARGUMENT, UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_EVENT, "register")},
+        {UBUS_STATUS_METHOD_NOT_FOUND, UBUS_MSG_INVOKE, invoke(UBUS_SYSTEM_OBJECT_MONITOR, "x")},
     };
     uint32_t headerPeer = 0xfedcba98;  // repeated in the answer, whatever it is
     for (const auto &c : kCases) {

@@ -87,6 +87,7 @@ std::string json(blob_attr *message) {
 
 Process::Process(const std::vector<std::string> &command, Stderr where) {
     std::vector<char *> argv;
+    argv.reserve(command.size() + 1);
     for (const std::string &word : command) argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
     int out[2];
