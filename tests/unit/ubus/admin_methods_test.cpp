@@ -144,21 +144,19 @@ TEST_F(AdminMethods, KitIsFetchedAfterTheReply) {
 
 TEST_F(AdminMethods, KitOnFlashIsInstalledWithMirroringOff) {
     const struct {
-        const char *json;
-        int admin, validate, check;
-        const char *calls;
-        int reload;
+        const char *json, *calls;
+        int admin, validate, check, reload;
     } rows[] = {
-        {R"({"reloadSignFile":"force"})", 1, 1, 1, "mirror 0, validate, reply ok, check, update, mirror 1",
+        {R"({"reloadSignFile":"force"})", "mirror 0, validate, reply ok, check, update, mirror 1", 1, 1, 1,
          1},
-        {R"({"reloadSignFile":"force"})", 0, 1, 1, "validate, reply ok, check, update", 1},
-        {R"({"reloadSignFile":"force"})", 1, 1, 0, "mirror 0, validate, reply ok, check, clean, mirror 1", 1},
-        {R"({"reloadSignFile":"force"})", 1, 0, 1, "mirror 0, validate, reply Kit Validation Failed!!!", 0},
-        {R"({"reloadSignFile":"force"})", 0, -1, 1, "validate, reply Kit Validation Failed!!!", 0},
-        {R"({"reloadSignFile":"no"})", 1, 1, 1, "reply ok", 1},
-        {R"({"reloadSignFile":true})", 1, 1, 1, "reply ok", 1},
-        {"{}", 1, 0, 1, "reply ok", 1},
-        {nullptr, 1, 0, 1, "reply ok", 1},
+        {R"({"reloadSignFile":"force"})", "validate, reply ok, check, update", 0, 1, 1, 1},
+        {R"({"reloadSignFile":"force"})", "mirror 0, validate, reply ok, check, clean, mirror 1", 1, 1, 0, 1},
+        {R"({"reloadSignFile":"force"})", "mirror 0, validate, reply Kit Validation Failed!!!", 1, 0, 1, 0},
+        {R"({"reloadSignFile":"force"})", "validate, reply Kit Validation Failed!!!", 0, -1, 1, 0},
+        {R"({"reloadSignFile":"no"})", "reply ok", 1, 1, 1, 1},
+        {R"({"reloadSignFile":true})", "reply ok", 1, 1, 1, 1},
+        {"{}", "reply ok", 1, 0, 1, 1},
+        {nullptr, "reply ok", 1, 0, 1, 1},
     };
     for (const auto &row : rows) {
         amAdminState = row.admin;
