@@ -7,7 +7,8 @@ namespace bus {
 
 using MessageAttrs = blob_attr *[UBUS_ATTR_MAX];
 
-// Each entry is null when the attribute is absent or of the wrong length or type.
+// Each entry is null when the attribute is absent, of the wrong length or type, or marked as one with a name:
+// those are the members of DATA, and a reader of DATA itself would look for the name beyond its end.
 inline void parseMessage(blob_attr *data, MessageAttrs &attrs) {
     static constexpr blob_attr_info kInfo[UBUS_ATTR_MAX] = {
         {BLOB_ATTR_UNSPEC, 0, 0, nullptr},  // UNSPEC
@@ -26,6 +27,8 @@ inline void parseMessage(blob_attr *data, MessageAttrs &attrs) {
         {BLOB_ATTR_STRING, 0, 0, nullptr},  // GROUP
     };
     blob_parse(data, attrs, kInfo, UBUS_ATTR_MAX);
+    for (blob_attr *&attr : attrs)
+        if (attr && blob_is_extended(attr)) attr = nullptr;
 }
 
 }  // namespace bus
