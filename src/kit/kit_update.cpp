@@ -1,7 +1,9 @@
 #include "kit/kit_update.h"
 
+#include <ftw.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -41,6 +43,16 @@ bool examine(const char *path, struct stat &status, const char *op, int line) {
     if (stat(path, &status) == 0) return true;
     amLog(AM_LOG_ERROR, "%s:%d file %s not found\n", op, line, path);
     return false;
+}
+
+// Links that a refused kit left behind are all that could lead the next one's members out of the directory:
+// tar itself follows none that it makes, but every one that it finds.
+void dropLinks(const char *directory) {
+    constexpr int kOpenFolders = 16;
+    const auto drop = [](const char *path, const struct stat *, int type, FTW *) {
+        return type == FTW_SL ? unlink(path) : 0;
+    };
+    (void)nftw(directory, drop, kOpenFolders, FTW_PHYS);
 }
 
 void wipe(const char *directory, const char *op, int line) {
@@ -85,6 +97,7 @@ int amCheckFlashSpace(const char *path) {
 
 int amCheckIfKitValid() {
     if (!makeDirectory(kKitTestDir, __func__, __LINE__)) return 0;
+    dropLinks(kKitTestDir);
     Command command;
     if (am::runCommand(command, sizeof command, "tar -xvzf %s/%s -C  %s ", kFlash, kKitName, kKitTestDir) ==
         0)
@@ -206,6 +219,7 @@ int amUnzipKit(int source) {
     snprintf(staged, sizeof staged, "%s/%s", kKitWorkDir, kStagedName);
     struct stat kit {};
     if (!examine(staged, kit, __func__, __LINE__)) return 0;
+    dropLinks(kKitInstallDir);
     char extraction[1024];
     if (am::runCommand(extraction, sizeof extraction, "tar -xvzf %s -C  %s", staged, kKitInstallDir) != 0) {
         amLog(AM_LOG_ERROR, "Unable to untar kit %s \n", extraction);

@@ -118,6 +118,20 @@ TEST_F(KitUpdate, NothingIsWrittenOutsideTheExtraction) {
     }
 }
 
+// A refused kit's extraction stays, and with it the link.
+TEST_F(KitUpdate, LinkOfARefusedKitDoesNotLeadTheNextOneOut) {
+    shell("mkdir /tmp/out && ln -s /tmp/out /tmp/kit/link");
+    writeFile("/tmp/kit/compatibility.txt", "2\n");
+    pack();
+    EXPECT_EQ(0, dpiValidateKit());
+    EXPECT_TRUE(exists(std::string(kKitTestDir) + "/link"));
+    shell("rm /tmp/kit/link && mkdir /tmp/kit/link && echo x >/tmp/kit/link/through");
+    writeFile("/tmp/kit/compatibility.txt", "1\n");
+    pack("./compatibility.txt ./link/through");
+    EXPECT_EQ(1, dpiValidateKit());
+    shell("test -z \"$(ls /tmp/out)\"");
+}
+
 TEST_F(KitUpdate, InstallationReplacesPoolEngineAndArray) {
     pack();
     install();
