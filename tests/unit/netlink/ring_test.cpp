@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <thread>
 
@@ -55,7 +56,7 @@ class Ring : public testing::Test {
         return reinterpret_cast<NlMmapHdr *>(static_cast<char *>(memory_) + index * kMessageSize);
     }
     void fill(uint32_t index, const Bytes &messages) const {
-        memcpy(frame(index) + 1, messages.data(), messages.size());
+        std::copy(messages.begin(), messages.end(), reinterpret_cast<uint8_t *>(frame(index) + 1));
         frame(index)->nm_len = static_cast<uint32_t>(messages.size());
         __atomic_store_n(&frame(index)->nm_status, NL_MMAP_VALID, __ATOMIC_RELEASE);
     }
