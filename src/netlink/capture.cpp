@@ -30,8 +30,6 @@ constexpr int kStopAttempts = 300;              // times kStopPause: three secon
 constexpr int kWakeSignal = SIGURG;             // ignored by default, so nobody misses it
 constexpr size_t kStackSize = size_t{1} << 20;  // engines are used to more than musl's 128 KiB
 
-constinit std::atomic<bool> stopRequested{false};
-
 // A thread that says here that it runs cannot end before the lock is free again, so its id may be used.
 constinit AmMutex threadLock;
 bool threadRuns GUARDED_BY(threadLock)
@@ -55,7 +53,7 @@ void reportSocketError(int fd) {
 void capture(int fd) {
     pollfd waited{fd, POLLIN | POLLERR, 0};
     amLog(AM_LOG_DEBUG, "%s:%d Poll the packet socket\n", "mainpThread", __LINE__);
-    while (!am::captureHalted()) {
+    while (!am::captureHalted.load(std::memory_order_relaxed)) {
         if (poll(&waited, 1, kPollTimeout) < 0) {
             if (errno == EINTR) continue;
             perror("mnl_socket_send");
@@ -83,6 +81,17 @@ void *runCapture(void *argument) {
     return nullptr;
 }
 
+// The attribute of a message that it fills to the end, which is every packet message of a healthy kernel;
+// null for any other.  Saves them the walk.
+const nlattr *soleAttribute(const nlmsghdr *nlh) {
+    constexpr uint32_t kAttributes = MNL_NLMSG_HDRLEN + kFamilyHeaderSize;
+    if (nlh->nlmsg_len < kAttributes + MNL_ATTR_HDRLEN) return nullptr;
+    const auto *attr = reinterpret_cast<const nlattr *>(reinterpret_cast<const char *>(nlh) + kAttributes);
+    const bool whole = attr->nla_len >= MNL_ATTR_HDRLEN &&
+                       kAttributes + MNL_ALIGN(uint32_t{attr->nla_len}) == MNL_ALIGN(nlh->nlmsg_len);
+    return whole ? attr : nullptr;
+}
+
 void debugPacket(const capture_pkt &pkt) {
     // No first byte to look at: no attribute, or an empty one.
     if (!pkt.data || pkt.len <= MNL_ATTR_HDRLEN) return;
@@ -104,12 +113,9 @@ void debugPacket(const capture_pkt &pkt) {
 
 namespace am {
 
-bool captureHalted() {
-    return stopRequested.load(std::memory_order_relaxed) || interrupted.load(std::memory_order_relaxed);
-}
+constinit std::atomic<bool> captureHalted{false};
 
-void dispatchPackets(const void *data, size_t length) {
-    if (runMessages(data, length, packet_portid, packet_cb) >= MNL_CB_STOP) return;
+void failCapture() {
     amLog(AM_LOG_ERROR, "%s:%d mnl_cb_run error!!!\n", "mainpThread", __LINE__);
     _exit(1);  // no exit(): other threads still use what its handlers would tear down
 }
@@ -117,16 +123,18 @@ void dispatchPackets(const void *data, size_t length) {
 }  // namespace am
 
 int packet_attr_cb(const nlattr *attr, void *pkt) {
-    if (mnl_attr_get_type(attr) != DPI_PKT_A_DATA) return MNL_CB_STOP;
+    if ((attr->nla_type & NLA_TYPE_MASK) != DPI_PKT_A_DATA) return MNL_CB_STOP;
     auto *packet = static_cast<capture_pkt *>(pkt);
-    packet->data = static_cast<const uint8_t *>(mnl_attr_get_payload(attr));
-    packet->len = mnl_attr_get_len(attr);
+    packet->data = reinterpret_cast<const uint8_t *>(attr) + MNL_ATTR_HDRLEN;
+    packet->len = attr->nla_len;
     return MNL_CB_OK;
 }
 
 int packet_cb(const nlmsghdr *nlh, void *) {
     capture_pkt pkt{};
-    const int walked = mnl_attr_parse(nlh, kFamilyHeaderSize, packet_attr_cb, &pkt);
+    const nlattr *sole = soleAttribute(nlh);
+    const int walked =
+        sole ? packet_attr_cb(sole, &pkt) : mnl_attr_parse(nlh, kFamilyHeaderSize, packet_attr_cb, &pkt);
     if (walked != MNL_CB_OK) return walked;
 
     if (print_debug.load(std::memory_order_relaxed) != 0) [[unlikely]]
@@ -175,7 +183,7 @@ void amPktCaptureThread() {
 }
 
 void amStopCaptureThread() {
-    stopRequested.store(true, std::memory_order_relaxed);
+    am::captureHalted.store(true, std::memory_order_relaxed);
     // Repeated: a wake-up that comes between the thread's look at the request and its poll is lost.
     for (int attempt = 0; attempt < kStopAttempts; attempt++) {
         {

@@ -10,12 +10,8 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "netlink/reception.h"
 #include "netlink/sockets.h"
-
-namespace am {
-constinit std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free);  // stored in a signal handler
-}  // namespace am
 
 namespace {
 
@@ -56,7 +52,7 @@ bool startWaiter() {
 void my_sig_handler(int sig) {
     if (sig != SIGINT && sig != SIGTERM) return;
     const int error = errno;
-    am::interrupted.store(true, std::memory_order_relaxed);
+    am::captureHalted.store(true, std::memory_order_relaxed);
     (void)sem_post(&signalled);
     errno = error;
 }

@@ -1,16 +1,9 @@
 // SIGINT: the kernel is told to stop mirroring, both sockets are closed, and the process ends with status 0,
 // within a second even while the event loop is blocked in a download.
 #pragma once
-#include <atomic>
 
 // Records the signal and wakes the thread that acts on it; nothing else is safe in a handler.
 void my_sig_handler(int sig);
 
 // Takes SIGINT over and starts the waiting thread.  May be called again.  Any thread.
 void installInterruptHandler();
-
-namespace am {
-
-extern std::atomic<bool> interrupted;  // set by the handler, never cleared
-
-}  // namespace am

@@ -5,9 +5,13 @@
 #pragma once
 #include <libmnl/libmnl.h>
 
+#include <atomic>
 #include <cstddef>
 
 #include "kit/engine.h"
+#include "netlink/capture.h"
+#include "netlink/protocol.h"
+#include "netlink/sockets.h"
 
 namespace am {
 
@@ -24,11 +28,19 @@ enum class Drained {
 // a frame cannot be completed yet.  Lets the event-loop thread take the gate between packets.
 Drained drainPacketSocket() REQUIRES(amEngineGate);
 
-// Runs the packet callback over the netlink messages in `data`.  A netlink error ends the process.
-void dispatchPackets(const void *data, size_t length) REQUIRES(amEngineGate);
+// Set when the capture thread is to end: by its stop, and by SIGINT's handler.  Looked at between frames,
+// since packets may never stop coming.
+extern std::atomic<bool> captureHalted;
+static_assert(std::atomic<bool>::is_always_lock_free);  // stored in a signal handler
 
-// Whether the capture thread has been asked to end.  Looked at between frames, since packets may never stop
-// coming.
-bool captureHalted();
+// What a netlink error in a packet buffer comes to.
+[[noreturn]] void failCapture();
+
+// Runs the packet callback over the netlink messages in `data`.
+inline void dispatchPackets(const void *data, size_t length) REQUIRES(amEngineGate)
+{
+    if (runMessages(data, length, packet_portid, packet_cb) < MNL_CB_STOP) [[unlikely]]
+        failCapture();
+}
 
 }  // namespace am

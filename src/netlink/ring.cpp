@@ -35,15 +35,3 @@ int mnl_socket_set_ring(mnl_socket *socket, mnl_ring *ring) {
     ring->frame_idx = 0;
     return 0;
 }
-
-NlMmapHdr *mnl_socket_get_frame(const mnl_ring *ring) {
-    if (!ring || !ring->ring) return nullptr;
-    char *base = static_cast<char *>(ring->ring);
-    return reinterpret_cast<NlMmapHdr *>(base + size_t{ring->frame_idx} * ring->req.nm_frame_size);
-}
-
-void mnl_socket_advance_ring(mnl_ring *ring) {
-    if (!ring) return;
-    const uint32_t next = ring->frame_idx + 1;
-    ring->frame_idx = next < ring->req.nm_frame_nr ? next : 0;
-}

@@ -49,10 +49,18 @@ extern mnl_ring mmap_ring;  // of packet_nls: 64 blocks of 65,536 bytes, 1,024 f
 int mnl_socket_set_ring(mnl_socket *socket, mnl_ring *ring);
 
 // The current frame, or null when there is no ring.
-NlMmapHdr *mnl_socket_get_frame(const mnl_ring *ring);
+inline NlMmapHdr *mnl_socket_get_frame(const mnl_ring *ring) {
+    if (!ring || !ring->ring) return nullptr;
+    char *base = static_cast<char *>(ring->ring);
+    return reinterpret_cast<NlMmapHdr *>(base + size_t{ring->frame_idx} * ring->req.nm_frame_size);
+}
 
 // On to the next frame; after the last comes the first.
-void mnl_socket_advance_ring(mnl_ring *ring);
+inline void mnl_socket_advance_ring(mnl_ring *ring) {
+    if (!ring) return;
+    const uint32_t next = ring->frame_idx + 1;
+    ring->frame_idx = next < ring->req.nm_frame_nr ? next : 0;
+}
 
 // Acquire: what the kernel wrote before it set the status is visible.
 inline uint32_t frameStatus(const NlMmapHdr *frame) {
