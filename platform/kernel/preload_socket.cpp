@@ -96,9 +96,14 @@ int setFlags(int fd, int flags) {
     return 0;
 }
 
-void closeHidden(NlSocket &nl) {
+void unmapControl(NlSocket &nl) {
     if (nl.control) munmap(nl.control, dpimod::kControlPageSize);
     nl.control = nullptr;
+}
+
+// The control page stays mapped until the slot is taken again: a thread that comes out of poll, or is about
+// to sleep in it, while another closes the socket still writes to it.
+void closeHidden(NlSocket &nl) {
     closeFd(nl.session);
     closeFd(nl.memory);
     closeFd(nl.wake);
@@ -119,6 +124,7 @@ int openSocket(int flags) {
     while (slot < kMaxSockets && sockets[slot].fd.load() >= 0) ++slot;
     if (slot == kMaxSockets) return fail(ENFILE);
     NlSocket &nl = sockets[slot];
+    unmapControl(nl);
     nl.session = connectToModule();
     if (nl.session < 0) return -1;
     int fds[4] = {-1, -1, -1, -1};
