@@ -6,7 +6,12 @@ import subprocess
 import sys
 import time
 
+import unittest
+
 import world
+
+sys.path.append(str(world.TREE / "tests/system"))
+from servers import Vsftpd  # noqa: E402  a real FTP server, set up for this sandbox
 
 GROUP = {"web": [{"appName": "HTTP"}, {"appName": "TLS"}, {"appName": "Wikipedia"}]}
 
@@ -46,7 +51,7 @@ def traffic(system, mode, capture):
     if mode == "live":
         say("Real clients talk to real servers; the interface is mirrored meanwhile")
         subprocess.run([world.TREE / "tools/record-traffic", "--generate-only"], check=True,
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                       stdout=subprocess.DEVNULL)
         time.sleep(0.5)  # what the last connection leaves behind
     else:
         say(f"Traffic flows: {os.path.basename(capture)} is mirrored, packet by packet")
@@ -60,6 +65,23 @@ def records(system):
     system.advance(901)
     show("/flash/appmon_enforcement_flow_records.csv")
     show("/flash/appmon_monitor_flow_records.csv")
+
+
+def export(system):
+    say("The management system asks for the records: they go to its file server, here a real FTP server")
+    try:
+        server = Vsftpd(pathlib.Path("/tmp/fileserver")).start()
+    except unittest.SkipTest as reason:
+        print(f"(left out: {reason})")
+        return
+    call(system, "GETavDpiStats", {"username": server.user, "password": server.password,
+                                   "filePath": server.url("switch-7")})
+    stored = server.store / "switch-7/appmon_enforcement_flow_records.csv"
+    local = world.FLASH / stored.name
+    world.wait_until(lambda: stored.exists() and stored.stat().st_size == local.stat().st_size, "the upload")
+    print(f"$ md5sum {local} {stored}")
+    subprocess.run(["/usr/bin/md5sum", local, stored], check=True)
+    server.stop()
 
 
 def verdicts(system):
@@ -93,10 +115,11 @@ def main():
         configure(system)
         traffic(system, mode, capture)
         records(system)
+        export(system)
         restart(system)
         verdicts(system)
         system.daemon.stop()
-        say(f"Done. On a switch the daemon is the same file: {world.BUILD / 'src/korvid'}")
+        say("Done. What runs here is what runs on a switch: build/release/src/korvid")
 
 
 def shell(system, capture):
