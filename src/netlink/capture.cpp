@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -43,13 +42,6 @@ void pauseFor(long nanoseconds) {
 
 void wakeOnly(int) {}  // the poll of the capture thread returns with EINTR, that is all
 
-void reportSocketError(int fd) {
-    int error = 0;
-    socklen_t size = sizeof error;
-    (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-    amLog(AM_LOG_ERROR, "%s:%d packet socket error: %s\n", "mainpThread", __LINE__, strerror(error));
-}
-
 void capture(int fd) {
     pollfd waited{fd, POLLIN | POLLERR, 0};
     amLog(AM_LOG_DEBUG, "%s:%d Poll the packet socket\n", "mainpThread", __LINE__);
@@ -60,7 +52,8 @@ void capture(int fd) {
             _exit(1);
         }
         if (waited.revents & POLLERR) {
-            reportSocketError(fd);
+            const int error = am::takeSocketError(fd);
+            amLog(AM_LOG_ERROR, "%s:%d packet socket error: %s\n", "mainpThread", __LINE__, strerror(error));
             continue;
         }
         if (!(waited.revents & POLLIN)) {

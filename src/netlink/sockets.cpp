@@ -137,11 +137,21 @@ void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events) {
     if (events & ULOOP_READ) readReports(mnl_socket_get_fd(control_nls));
     if (fd->error) {
         amLog(AM_LOG_ERROR, "%s:%d Control Msg Socket Error adding the uloop again\n", __func__, __LINE__);
+        // Where there was nothing to read the error is still pending, and registering would report it at once
+        // again, without end.
+        (void)am::takeSocketError(fd->fd);
         (void)uloop_fd_add(fd, kMgmtFlags);
     }
 }
 
 namespace am {
+
+int takeSocketError(int fd) {
+    int error = 0;
+    socklen_t size = sizeof error;
+    (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    return error;
+}
 
 void withdrawFromKernel() {
     const AmGuard guard(closeLock);

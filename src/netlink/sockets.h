@@ -44,6 +44,9 @@ void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events);
 
 namespace am {
 
+// The pending error of a socket, which is then gone from it; 0 if there is none.  Any thread.
+int takeSocketError(int fd);
+
 // What an interrupt does with the sockets, in this order: mirroring off, the packet count to the log, the
 // packet and the control socket closed.  For the interrupt's own thread, while the others may still use the
 // handles: these stay, the process ends at once.

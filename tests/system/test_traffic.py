@@ -189,6 +189,20 @@ class Traffic(case.SystemTest):
         self.inject(packet_message(packet()))
         self.results(1)
 
+    def test_an_error_of_the_control_socket_with_nothing_to_read_is_told_once(self):
+        line = "Control Msg Socket Error adding the uloop again\n"
+        self.prepare()
+        self.world.log_level("INFO")
+        for times in (1, 2):
+            self.module.command("overrun control bare")
+            world.wait_until(lambda: self.log().count(line) >= times, "the line")
+            for _ in range(20):
+                self.world.settle()  # a turn of the event loop each
+            self.assertEqual(self.log().count(line), times)
+            read = self.counters()[3]
+            self.module.command("inject-control " + struct.pack("=IHHII", 16, 1, 0, 0, 0).hex())
+            world.wait_until(lambda: self.counters()[3] == read + 1, "reading goes on")
+
     def test_packet_and_flow_lines_of_the_log(self):
         self.prepare()
         self.world.log_level("STATS", packetLog="enable", flowLog="enable")
