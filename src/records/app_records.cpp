@@ -24,7 +24,6 @@ constexpr am::RecordFileKind kFile{
     .oldPath = kAppRecordsOld,
     .header = "Application,Application-Group,Utcinterval,MaFlowMin,MaFlowMax,MaFlowAvg,MaFlowTotal",
     .op = "appMonWriteAppRecordsToFile",
-    .rollBack = false,
     .countClose = {"Failed to close AM_FLOW_RECORD file"},
     .open = {"Failed to open AM_APP_RECORD file"},
     .headerWrite = {"Failed to write APP_RECORD header to file", true},

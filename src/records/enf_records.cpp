@@ -32,7 +32,6 @@ constexpr am::RecordFileKind kFile{
         "IpAddrType,IpA,IpB,L4portA,L4portB,Proto,Application,Application-Group,MacA,KolNameA,MacB,KolNameB,"
         "pktCount,byteCount,Start,End,IntStart,IntEnd",
     .op = "amWriteEnfFlowRecordToFile",
-    .rollBack = true,
     .countClose = kClose,
     .open = kOpen,
     .headerWrite = {"Failed to write FLOW_RECORD header"},

@@ -17,7 +17,8 @@ extern int32_t amEnfLoggingThreshold;       // lines above which the file is rot
 extern int32_t amFlowDbLoggingTimerActive;  // 1 = armed
 
 // Flushes both report queues to the file.  0 when they have been written and emptied; -1 on a failure, which
-// is logged: the queues then stay as they are, and so does the file, for all that can be helped.
+// is logged: the queues then stay as they are, and the next flush writes all of them, so that lines which had
+// reached the file stand in it twice.
 int amWriteEnfFlowRecordToFile();
 
 // Format one entry into a line of kRecordLineSize bytes and note when that was in the entry.

@@ -41,7 +41,6 @@ constexpr am::RecordFileKind kFile{
     .oldPath = kMonRecordsOld,
     .header = "IpAddrType,IpA,IpB,L4portA,L4portB,Proto,Application,Application-Group,Time",
     .op = "amWriteMonFlowRecordToFile",
-    .rollBack = false,
     .countClose = kClose,
     .open = kOpen,
     .headerWrite = {"Failed to write MON_FLOW_RECORD header"},

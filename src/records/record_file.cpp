@@ -189,11 +189,6 @@ bool RecordAppend::write() {
     used_ = buffered_ = 0;
     if (complete) return true;
 
-    if (kind_.rollBack) {
-        lines_ -= written_;
-        written_ = 0;
-        size_ = start_;
-    }
     cutBack(size_);
     report(kind_.write);
     (void)closeFile(kind_.writeClose);

@@ -2,10 +2,8 @@
 // moved to its "_old" name above a number of lines.
 //
 // Lines are collected in memory and go out in few writes, yet count only once they are in the file:
-//   - A write that fails halfway (a full disk) is cut back, so that no half line stays for a reader or for
-//     the next line to be glued to.  Where the writer keeps its entries and writes them again, the cut goes
-//     back to the size before the flush: a failed flush leaves file, count and entries as they were, and no
-//     line appears twice.  Where it does not, every complete line stays and counts.
+//   - A write that fails halfway (a full disk) is cut back to its last complete line, so that no half line
+//     stays for a reader or for the next line to be glued to.  The complete lines stay and count.
 //   - Should even the cut fail, or half a line have been left by a crash, the next line starts on a new one,
 //     and the lines are counted anew.
 //   - A rotation that cannot rename leaves the file in place, to be tried again after the next write.
@@ -34,7 +32,6 @@ struct RecordFileKind {
     const char *oldPath;
     const char *header;  // without its newline
     const char *op;      // named in the messages
-    bool rollBack;       // a failed flush takes back what it has written
     RecordFailure countClose, open, headerWrite, headerClose, write, writeClose, close, create, createClose;
 };
 

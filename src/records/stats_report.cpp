@@ -19,7 +19,6 @@ constinit uint64_t amReportsDropped = 0;
 
 namespace {
 
-constexpr size_t kFamilyHeader = 4;  // bytes between the netlink header and the attributes
 constexpr uint16_t kMaxAttr = DPI_STA_R_A_QOS_POLICY_RULE;
 
 // One report's attributes by number, null for one that is missing.
@@ -266,7 +265,7 @@ int stats_report_cb(const nlattr *attr, void *expected) {
 int stats_cb(const nlmsghdr *nlh, void *) {
     amLog(AM_LOG_DEBUG, "%s:%d stats_cb Get package\n", __func__, __LINE__);
     uint16_t expected = 0;
-    const int result = mnl_attr_parse(nlh, kFamilyHeader, stats_report_cb, &expected);
+    const int result = mnl_attr_parse(nlh, kFamilyHeaderSize, stats_report_cb, &expected);
     if (result == MNL_CB_OK && expected != 0)
         amLog(AM_LOG_ERROR, "Warning: The ACTUAL report number is not equals to REPORT_NUM value!\n");
     return result;
