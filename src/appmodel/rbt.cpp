@@ -252,6 +252,19 @@ void rbtInsert(RbtTree *tree, RbtNode *node) {
     fixInsertion(tree, node);
 }
 
+void rbtInsertAt(RbtTree *tree, RbtNode *closest, RbtNode *node) {
+    RbtNode *parent = closest ? closest : &tree->header;
+    const int order = closest ? tree->compare(node, closest) : -1;
+    *node = {parent, &tree->sentinel, &tree->sentinel, kRed};
+    if (order < 0)
+        parent->left = node;
+    else
+        parent->right = node;
+    for (const RbtNode *at = node; at != &tree->header; at = at->parent)
+        at->parent->word += isLeftChild(at) ? kOneLeft : 0;
+    fixInsertion(tree, node);
+}
+
 void rbtRemove(RbtTree *tree, RbtNode *node) {
     RbtNode *none = &tree->sentinel;
     RbtNode *spliced = node;

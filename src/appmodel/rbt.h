@@ -48,6 +48,10 @@ RbtNode *rbtFind(const RbtTree *tree, const RbtNode *key);
 // Links the node in; one that is equal to elements of the tree comes after them in order.
 void rbtInsert(RbtTree *tree, RbtNode *node);
 
+// The same for a node whose key rbtFindClosest has just looked up and not found: `closest` is what it
+// returned, null for an empty tree.  Saves the second descent.
+void rbtInsertAt(RbtTree *tree, RbtNode *closest, RbtNode *node);
+
 // Unlinks the node; every other element keeps its address.
 void rbtRemove(RbtTree *tree, RbtNode *node);
 

@@ -135,7 +135,10 @@ template <class Ip>
 bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUIRES(amEnfFlowLock)
 {
     using Flow = typename Ip::Flow;
-    if (auto *known = asFlow<Flow>(rbtFind(&Ip::tree(), &probe.node))) {
+    RbtTree &tree = Ip::tree();
+    RbtNode *closest = rbtFindClosest(&tree, &probe.node);
+    if (closest && tree.compare(&probe.node, closest) == 0) {
+        auto *known = asFlow<Flow>(closest);
         if (known->aged != 0) activate(*known, info);
         return true;
     }
@@ -143,7 +146,7 @@ bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUI
     if (!slot) return false;
     auto *flow = new (slot) Flow(probe);
     activate(*flow, info);
-    rbtInsert(&Ip::tree(), &flow->node);
+    rbtInsertAt(&tree, closest, &flow->node);
     // Written under the lock only.
     Ip::counter().store(Ip::counter().load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;

@@ -38,8 +38,13 @@ class Rbt : public testing::Test {
     Item *insert(int key) {
         items_.push_back(std::make_unique<Item>(Item{{}, key}));
         Item *item = items_.back().get();
+        // Either way in, wherever both are allowed: a key that is not there yet.
+        Item *closest = find(key, rbtFindClosest);
         expectedProbe = &item->node;
-        rbtInsert(&tree_, &item->node);
+        if (items_.size() % 2 == 0 && (!closest || closest->key != key))
+            rbtInsertAt(&tree_, closest ? &closest->node : nullptr, &item->node);
+        else
+            rbtInsert(&tree_, &item->node);
         const auto after =
             std::upper_bound(model_.begin(), model_.end(), key,
                              [](int wanted, const Item *other) { return wanted < other->key; });
