@@ -6,7 +6,6 @@ class Vsftpd(base.Server):
     name = "vsftpd"
     scheme = "ftp"
     program = "/usr/sbin/vsftpd"
-    rate = 0  # bytes a second for each transfer; 0 is without limit
 
     def __init__(self, directory, rate=0):
         """With a rate, no more bytes a second, either way."""
@@ -28,7 +27,6 @@ class Vsftpd(base.Server):
             "secure_chroot_dir": empty,
             # The sandbox is around it already, and its filter does not know current C libraries.
             "seccomp_sandbox": "NO", "isolate": "NO", "isolate_network": "NO",
-            "local_max_rate": self.rate,
             "xferlog_enable": "YES", "log_ftp_protocol": "YES", "vsftpd_log_file": self.directory / "log",
         }
         config = self.directory / "vsftpd.conf"
