@@ -1,0 +1,74 @@
+// Measuring by pairs: what the daemon's own objects cost, as a ratio to a bare loop that does the least the
+// same job needs, on the same bytes, socket, file and buffers.
+//
+// A round runs every loop once, in random order, for a few milliseconds of this thread's processor time; each
+// round gives one ratio per row, and the row's result is the median of the rounds.  So a machine that is
+// slow, busy or changes its clock moves both sides alike.  Times are never reported.
+#pragma once
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// One side of a row.  A stretch is `prepare`, not timed, then `run`, timed, which returns the operations it
+// did; stretches follow each other until the loop's time is used up.  A stretch should last 50 us or more:
+// reading the clock costs most of a microsecond.
+struct Loop {
+    std::function<void()> prepare;  // may be empty
+    std::function<size_t()> run;
+};
+
+enum class Gate {
+    most,    // a median above the limit is a failure
+    report,  // shown for comparison only
+};
+
+struct Row {
+    std::string what, reference;
+    double limit = 0;
+    Loop bare, ours;
+    Gate gate = Gate::most;
+};
+
+// A figure that is no ratio of two loops: bytes, microseconds.  Measured once a round.
+struct Figure {
+    std::string what, unit;
+    double limit = 0;
+    std::function<double()> measure;
+    unsigned rounds = 0;  // 0: as the rows
+    Gate gate = Gate::most;
+};
+
+struct Quartiles {
+    double low, median, high;
+};
+Quartiles quartilesOf(std::vector<double> values);
+
+// Processor time of this thread in nanoseconds per operation over about `budget` nanoseconds.
+double nanosecondsEach(const Loop &loop, double budget = 2.5e6);
+
+// Keeps the compiler from dropping a result nobody uses.
+template <class Value>
+inline void keep(const Value &value) {
+    asm volatile("" : : "r,m"(value) : "memory");
+}
+
+class Table {
+  public:
+    void add(Row row) { rows_.push_back(std::move(row)); }
+    void add(Figure figure) { figures_.push_back(std::move(figure)); }
+
+    // Keeps what has `text` in its name.
+    void keepOnly(const std::string &text);
+
+    // Measures and prints; the number of limits that were missed.
+    int run(unsigned rounds);
+
+  private:
+    std::vector<Row> rows_;
+    std::vector<Figure> figures_;
+};
+
+}  // namespace bench

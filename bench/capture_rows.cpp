@@ -1,0 +1,223 @@
+// From a mirrored packet to the engine's entry.
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kit/engine.h"
+#include "netlink/protocol.h"
+#include "netlink/reception.h"
+#include "netlink/ring.h"
+#include "netlink/sockets.h"
+#include "recv_reception.h"
+#include "rows.h"
+#include "world.h"
+
+namespace bench {
+namespace {
+
+constexpr uint32_t kFrames = 1024;
+constexpr size_t kDatagrams = 128;
+constexpr size_t kIpHeader = 20, kUdpHeader = 8;
+
+__attribute__((noinline)) void noEngine(const capture_pkt *pkt, const timeval *) {
+    keep(pkt);
+}
+
+// The entry both sides call; a variable, as in the daemon.
+PcapPacketFn bareEntry = noEngine;
+
+char *frameAt(uint32_t index) {
+    return static_cast<char *>(mmap_ring.ring) + size_t{index} * mmap_ring.req.nm_frame_size;
+}
+
+NlMmapHdr *headerAt(uint32_t index) {
+    return reinterpret_cast<NlMmapHdr *>(frameAt(index));
+}
+
+// An IPv4 UDP packet of `length` bytes whose payload no classifier knows.
+void putPacket(char *packet, size_t length, uint32_t flow) {
+    memset(packet, 0, kIpHeader + kUdpHeader);
+    packet[0] = 0x45;
+    packet[2] = static_cast<char>(length >> 8);
+    packet[3] = static_cast<char>(length);
+    packet[8] = 64;
+    packet[9] = IPPROTO_UDP;
+    packet[12] = packet[16] = 10;
+    memcpy(packet + 13, &flow, 3);
+    packet[19] = 1;
+    memcpy(packet + kIpHeader, "\x9c\x41\x9d\x42", 4);
+    packet[24] = static_cast<char>((length - kIpHeader) >> 8);
+    packet[25] = static_cast<char>(length - kIpHeader);
+    for (size_t at = kIpHeader + kUdpHeader; at < length; at++)
+        packet[at] = static_cast<char>(anyNumber() | 128);
+}
+
+uint32_t putPacketMessage(char *buffer, size_t length, uint32_t flow) {
+    memset(buffer, 0, 64);
+    nlmsghdr *message = amNlmsgPutDpiHeader(buffer, 30);
+    nlattr *attr = mnl_attr_nest_start(message, DPI_PKT_A_DATA);
+    attr->nla_type = DPI_PKT_A_DATA;  // plain, not nested
+    putPacket(static_cast<char *>(mnl_nlmsg_get_payload_tail(message)), length, flow);
+    message->nlmsg_len += static_cast<uint32_t>(MNL_ALIGN(length));
+    attr->nla_len = static_cast<uint16_t>(MNL_ATTR_HDRLEN + length);
+    return message->nlmsg_len;
+}
+
+uint32_t nextFlow = 0;
+
+// Fills the whole ring, `perFlow` packets of each flow in turn.
+void writeRing(size_t length, uint32_t perFlow) {
+    for (uint32_t i = 0; i < kFrames; i++) {
+        if (i % perFlow == 0) nextFlow++;
+        headerAt(i)->nm_len = putPacketMessage(frameAt(i) + sizeof(NlMmapHdr), length, nextFlow);
+    }
+}
+
+// The kernel's half: hands all frames over, as they are.
+void offerRing() {
+    mmap_ring.frame_idx = 0;
+    for (uint32_t i = 0; i < kFrames; i++) headerAt(i)->nm_status = NL_MMAP_VALID;
+}
+
+void setEngine(PcapPacketFn entry) {
+    bareEntry = entry;
+    const AmGuard gate(amEngineGate);
+    process_pktptr = entry;
+}
+
+int bareAttr(const nlattr *attr, void *data) {
+    if (mnl_attr_get_type(attr) != DPI_PKT_A_DATA) return MNL_CB_STOP;
+    auto *pkt = static_cast<capture_pkt *>(data);
+    pkt->data = static_cast<const uint8_t *>(mnl_attr_get_payload(attr));
+    pkt->len = mnl_attr_get_len(attr);
+    return MNL_CB_OK;
+}
+
+int bareMessage(const nlmsghdr *nlh, void *) {
+    capture_pkt pkt{};
+    const int walked = mnl_attr_parse(nlh, kFamilyHeaderSize, bareAttr, &pkt);
+    if (walked != MNL_CB_OK) return walked;
+    timeval now;
+    gettimeofday(&now, nullptr);
+    bareEntry(&pkt, &now);
+    return MNL_CB_OK;
+}
+
+// The least that reads a ring.
+size_t bareRing() {
+    size_t count = 0;
+    for (uint32_t at = 0;; at = (at + 1) % kFrames, count++) {
+        NlMmapHdr *frame = headerAt(at);
+        if (__atomic_load_n(&frame->nm_status, __ATOMIC_ACQUIRE) != NL_MMAP_VALID) return count;
+        keep(mnl_cb_run(frame + 1, frame->nm_len, 0, packet_portid, bareMessage, nullptr));
+        __atomic_store_n(&frame->nm_status, NL_MMAP_UNUSED, __ATOMIC_RELEASE);
+    }
+}
+
+size_t ourRing() {
+    amEngineEnter();
+    keep(am::drainPacketSocket());
+    amEngineLeave();
+    return kFrames;
+}
+
+void mapRing() {
+    mmap_ring.req.nm_frame_nr = kFrames;
+    const size_t size = size_t{mmap_ring.req.nm_block_size} * mmap_ring.req.nm_block_nr;
+    mmap_ring.ring =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (mmap_ring.ring == MAP_FAILED) {
+        perror("ring");
+        exit(2);
+    }
+}
+
+std::function<void()> offer(size_t length) {
+    return [length] {
+        setEngine(noEngine);
+        // Frames are not written to by their readers, so a length is written once.
+        static size_t written = 0;
+        if (written != length || nextFlow != 0) writeRing(length, kFrames);
+        written = length;
+        nextFlow = 0;
+        offerRing();
+    };
+}
+
+void addClassifierRow(Table &table) {
+    void *library = dlopen(NDPI_ENGINE, RTLD_NOW | RTLD_LOCAL);
+    if (!library) {
+        printf("left out: beside the classifier (%s)\n", dlerror());
+        return;
+    }
+    const auto start = reinterpret_cast<void (*)()>(dlsym(library, "test_capture"));
+    const auto entry = reinterpret_cast<PcapPacketFn>(dlsym(library, "pcap_packet"));
+    start();
+    const auto prepare = [entry] {
+        setEngine(entry);
+        writeRing(300, 16);  // flows of 16 packets: the classifier is still at work on each
+        offerRing();
+    };
+    table.add(Row{.what = "packets of unclassified flows through libndpi",
+                  .reference = "bare ring loop, same engine",
+                  .limit = 1.05,
+                  .bare = {prepare, bareRing},
+                  .ours = {prepare, ourRing}});
+}
+
+void addReceiveRow(Table &table) {
+    const DatagramPair pair = datagramPair();
+    packet_nls = mnl_socket_fdopen(pair.near);
+    (void)recvSetUpReception(packet_nls);
+    const auto prepare = [pair] {
+        setEngine(noEngine);
+        alignas(nlmsghdr) char message[kMessageSize];
+        const uint32_t length = putPacketMessage(message, 64, 1);
+        for (size_t i = 0; i < kDatagrams; i++) keep(sendto(pair.far, message, length, 0, nullptr, 0));
+    };
+    table.add(Row{.what = "KORVID_RX=recv, batched",
+                  .reference = "bare receive-until-empty loop",
+                  .limit = 0.85,
+                  .bare = {prepare,
+                           [pair] {
+                               alignas(nlmsghdr) static char buffer[kMessageSize];
+                               size_t count = 0;
+                               for (;; count++) {
+                                   const ssize_t got = recv(pair.near, buffer, sizeof buffer, MSG_DONTWAIT);
+                                   if (got <= 0) return count;
+                                   keep(mnl_cb_run(buffer, static_cast<size_t>(got), 0, packet_portid,
+                                                   bareMessage, nullptr));
+                               }
+                           }},
+                  .ours = {prepare, [] {
+                               amEngineEnter();
+                               keep(recvDrainPacketSocket());
+                               amEngineLeave();
+                               return kDatagrams;
+                           }}});
+}
+
+}  // namespace
+
+void addCaptureRows(Table &table) {
+    mapRing();
+    table.add(Row{.what = "capture path, no-op engine, 64-byte packets",
+                  .reference = "libmnl walk + gettimeofday",
+                  .limit = 1.05,
+                  .bare = {offer(64), bareRing},
+                  .ours = {offer(64), ourRing}});
+    table.add(Row{.what = "capture path, 3,900-byte packets",
+                  .reference = "the same, 64-byte packets",
+                  .limit = 1.05,
+                  .bare = {offer(64), ourRing},
+                  .ours = {offer(3900), ourRing}});
+    addClassifierRow(table);
+    addReceiveRow(table);
+}
+
+}  // namespace bench

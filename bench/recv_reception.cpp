@@ -1,0 +1,3 @@
+#define setUpReception recvSetUpReception
+#define drainPacketSocket recvDrainPacketSocket
+#include "netlink/reception_recv.cpp"  // NOLINT(bugprone-suspicious-include): the same source beside the ring's

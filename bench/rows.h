@@ -1,0 +1,16 @@
+// The rows of the table, by the part of the daemon that they measure.
+#pragma once
+#include "bench.h"
+
+namespace bench {
+
+void addCaptureRows(Table &table);
+void addVerdictRows(Table &table);
+void addTreeRows(Table &table);
+void addReportRows(Table &table);
+void addRecordRows(Table &table);
+void addLogRows(Table &table);
+void addMemoryRows(Table &table);
+void addWaitRows(Table &table);
+
+}  // namespace bench
