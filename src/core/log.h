@@ -43,8 +43,7 @@ void amLogOpen(const char *path, int level);
 // Closes the log unless it is standard error.
 void amLogClose();
 
-// Deletes and reopens /var/log/dpi.log once it holds 2 MiB.  Run before each line; exported for the tests'
-// sake of nothing else: callers need not call it.
+// Deletes and reopens /var/log/dpi.log once it holds 2 MiB.  Every line sees to that itself.
 void check_log_file();
 
 // The current local time as "%F %T" text of 19 characters, in `out`, which is returned.
