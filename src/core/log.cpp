@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/append.h"
 #include "core/lock.h"
 #include "core/paths.h"
 #include "core/sized_log.h"
@@ -25,6 +26,23 @@ static_assert(sizeof kLevelNames / sizeof *kLevelNames == AM_LOG_STATS + 1);
 void checkSize() REQUIRES(logLock)
 {
     if (am::restartAtLimit(logFile)) am::openSizedLog(logFile, kLogPath);
+}
+
+// The last second that a line was written in, and its text: lines come in bursts, and the conversion to local
+// time costs as much as the rest of a line.
+constinit time_t shownSecond GUARDED_BY(logLock)
+= -1;
+constinit LogTime shown GUARDED_BY(logLock)
+{};
+
+const char *timeOfLine() REQUIRES(logLock)
+{
+    const time_t now = time(nullptr);
+    if (now != shownSecond) {
+        (void)log_time(shown);
+        shownSecond = now;
+    }
+    return shown.text;
 }
 
 }  // namespace
@@ -58,9 +76,11 @@ void amLogLine(int level, const char *format, ...) {
     if (!logFile.stream) return;
 
     // The caller's format becomes part of the line's, so that the line is one formatted write.
-    LogTime now;
     char line[4096];
-    snprintf(line, sizeof line, "%s [%s]: %s", log_time(now), log_level_str(level), format);
+    char *head = am::append(am::append(line, timeOfLine()), " [");
+    head = am::append(am::append(head, log_level_str(level)), "]: ");
+    const size_t length = strnlen(format, static_cast<size_t>(line + sizeof line - 1 - head));
+    *am::append(head, {format, length}) = '\0';
     va_list arguments;
     va_start(arguments, format);
     (void)vfprintf(logFile.stream, line, arguments);

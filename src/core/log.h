@@ -31,9 +31,10 @@ inline bool amLogWanted(int level) {
 void amLogLine(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // A filtered-out message costs one compare where it stands; its arguments are not evaluated.
-#define amLog(level, ...)                                      \
-    do {                                                       \
-        if (amLogWanted(level)) amLogLine(level, __VA_ARGS__); \
+#define amLog(level, ...)                    \
+    do {                                     \
+        if (amLogWanted(level)) [[unlikely]] \
+            amLogLine(level, __VA_ARGS__);   \
     } while (0)
 
 // Sets the level and opens `path` as the log, closing the one held; an empty or null path means standard
