@@ -2,7 +2,8 @@
 // 32 packets, or when it ends, falls idle, is pushed out by newer flows or the engine is stopped, with what
 // is known by then.  What stays unknown is application 0, so that the kernel need not go on mirroring it.
 //
-// An application is named on evidence in the packets alone, never guessed from a port: a policy hangs on it.
+// An application is named on evidence in the flow's packets alone, never guessed from a port or from other
+// flows of the hosts: a policy hangs on it.
 #include <ndpi_api.h>
 #include <sys/random.h>
 
@@ -43,11 +44,17 @@ void reportApplication(Flow &flow, const ndpi_protocol &found) {
     reportFlow(flowTuple(flow), appId, ndpi_get_proto_name(detector, appId), kFlowStateDone);
 }
 
+// libndpi remembers hosts: after one BitTorrent handshake it gives that name to every connection between the
+// two that shows nothing, remote logins included.  What it knew of the flow itself stands.
 void finish(Flow &flow) {
     if (!flow.detection) return;
+    auto *detection = static_cast<ndpi_flow_struct *>(flow.detection);
+    const bool unknown = detection->detected_protocol_stack[0] == NDPI_PROTOCOL_UNKNOWN;
     uint8_t guessed = 0;
-    reportApplication(
-        flow, ndpi_detection_giveup(detector, static_cast<ndpi_flow_struct *>(flow.detection), 0, &guessed));
+    ndpi_protocol found = ndpi_detection_giveup(detector, detection, 0, &guessed);
+    if (unknown && detection->confidence == NDPI_CONFIDENCE_DPI_CACHE)
+        found.master_protocol = found.app_protocol = NDPI_PROTOCOL_UNKNOWN;
+    reportApplication(flow, found);
 }
 
 void drop(Flow &flow) {

@@ -161,6 +161,27 @@ TEST(NdpiEngine, AFlowIsGivenUpAfterManyPackets) {
     EXPECT_EQ(takeReports().size(), 1U);
 }
 
+TEST(NdpiEngine, OneFlowsApplicationIsNotGivenToOthersOfTheHosts) {
+    EngineHost engine("ndpi");
+    engine.start();
+    const std::string text =
+        "\x13"
+        "BitTorrent protocol" +
+        std::string(48, 'a');
+    const Bytes handshake(text.begin(), text.end());
+    const uint8_t push = 0x08 | engine::TCP_ACK;
+    engine.packet(ipv4(kTcp, tcp(50000, 6881, engine::TCP_SYN)));
+    engine.packet(answer(ipv4(kTcp, tcp(50000, 6881, engine::TCP_SYN | engine::TCP_ACK))));
+    engine.packet(ipv4(kTcp, joined(tcp(50000, 6881, push), handshake)));
+    engine.packet(answer(ipv4(kTcp, joined(tcp(50000, 6881, push), handshake))));
+    ASSERT_EQ(takeReports().at(0).appName, "BitTorrent");
+
+    engine.packet(ipv4(kTcp, tcp(50001, 40000, engine::TCP_SYN)));
+    engine.packet(ipv4(kTcp, joined(tcp(50001, 40000, push), Bytes(4, 0x91))));
+    engine.packet(ipv4(kTcp, tcp(50001, 40000, engine::TCP_RST)));
+    ASSERT_EQ(takeReports().at(0).appName, "Unknown");
+}
+
 TEST(NdpiEngine, AFloodPushesOutTheOldestAndExitReportsTheRest) {
     constexpr uint32_t kExtra = 100;
     EngineHost engine("ndpi");
