@@ -199,7 +199,7 @@ class World:
 
     def start_daemon(self, *options, wait=True, clock=False, preload=(), env=None, wrapper=()):
         """Starts korvid.  With clock, its time can be moved with advance()."""
-        libraries = [str(BUILD / "platform/kernel/libnetlink26.so"), *preload]
+        libraries = [*map(str, preload), str(BUILD / "platform/kernel/libnetlink26.so")]
         environment = {"KORVID_DPIMOD_SOCKET": MODULE_SOCKET, **(env or {})}
         if clock:
             libraries.append(first_existing("/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",

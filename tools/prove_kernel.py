@@ -1,0 +1,239 @@
+"""What a kernel module can do wrong: overruns, malformed messages, reports of unknown flows, a restart."""
+import random
+import struct
+
+import world
+from prove_base import fault, port_of
+
+FATAL_PACKET = "mnl_cb_run error!!!"
+FATAL_CONTROL = "mnl_cb_run: "
+
+
+def attribute(number, payload):
+    return struct.pack("=HH", 4 + len(payload), number) + payload + bytes(-len(payload) % 4)
+
+
+def message(kind, *attributes, flags=0, port=0, length=None, family=2):
+    body = bytes([family, 0, 0, 0]) + b"".join(attributes)
+    return struct.pack("=IHHII", 16 + len(body) if length is None else length, kind, flags, 0, port) + body
+
+
+def udp(sport, dport=10001, payload=b"x" * 8):
+    head = struct.pack(">BBHHHBBH", 0x45, 0, 28 + len(payload), 0, 0, 64, 17, 0) + bytes([10, 0, 0, 1, 10, 0, 0, 2])
+    return head + struct.pack(">HHHH", sport, dport, 8 + len(payload), 0) + payload
+
+
+def report(sport, **other):
+    """A statistics message about the flow of udp(sport)."""
+    fields = {1: bytes([81]), 2: bytes([10, 0, 0, 1]), 4: bytes([10, 0, 0, 2]), 6: bytes([17]),
+              7: struct.pack(">H", sport), 8: struct.pack(">H", 10001), 9: b"\0", 10: struct.pack("=I", 100),
+              11: struct.pack("=I", 1), 12: b"profile\0", 13: b"rule\0"}
+    fields.update({int(key[1:]): value for key, value in other.items()})
+    return b"".join(attribute(number, value) for number, value in fields.items())
+
+
+def statistics(*reports, count=None):
+    number = len(reports) if count is None else count
+    return message(24, attribute(1, struct.pack("=H", number)), *(attribute(2, body) for body in reports))
+
+
+class Kernel:
+    """A module in whose name any bytes are sent; what ends the daemon is told from what it survives."""
+
+    def __init__(self, run):
+        self.run, self.port = run, 20000
+        self.survived = self.ended = 0
+
+    def send(self, data, control=False):
+        run = self.run
+        run.provoke()
+        run.module.command(("inject-control " if control else "inject-hex ") + data.hex())
+        run.module.command("wait 10000")
+        if control:
+            run.ubus("call", "dpi", "SetavDebugSettings", timeout=2)
+        if self.running():
+            self.survived += 1
+            return True
+        self.ended += 1
+        run.ended_with(1, FATAL_CONTROL if control else FATAL_PACKET)
+        return False
+
+    def running(self):
+        return self.run.daemon.running()
+
+    def still_judges(self):
+        self.port += 1
+        before = self.run.module.stats()["results"]
+        self.run.module.command("inject-hex " + message(23, attribute(1, udp(self.port))).hex())
+        world.wait_until(lambda: self.run.module.stats()["results"] == before + 1, "a verdict", 10)
+
+
+@fault
+def overruns(run):
+    """ENOBUFS on the packet socket and on the control socket, again and again while packets flow
+
+    logs each and reads on; verdicts and reports go on
+    """
+    run.configured(clock=True)
+    run.module.command("generate flows=100000 packets=100000000 ports=10001,10004 rate=3000")
+    for number in range(run.often(20, 200)):
+        run.module.command("overrun" if number % 2 else "overrun control")
+        run.provoke()
+    run.module.command("stop")
+    run.module.command("wait 30000")
+    world.wait_until(lambda: run.log().count("packet socket error: No buffer space available") > 0, "the log lines")
+    run.check("Control Msg Socket Error adding the uloop again" in run.log(), "the control socket's is not told")
+    run.module.command("clear")
+    run.flows(50, first=200000)
+    run.report()
+    run.flush()
+    run.unwritten_ports({port_of(flow) for flow in range(200000, 200050)})
+
+
+@fault
+def packets_cut(run):
+    """a packet message cut at every byte, with its true length and with its whole length, in the ring and as COPY
+
+    passes over what does not fit; every whole message is judged; no byte beyond the message is read
+    """
+    run.configured()
+    kernel = Kernel(run)
+    whole = message(23, attribute(1, udp(1)))
+    for length in range(len(whole)):
+        kernel.send(whole[:length] if length else b"\0")
+        if length >= 16:
+            kernel.send(struct.pack("=I", length) + whole[4:length])
+            run.module.command("inject-copy " + whole[:length].hex())
+            run.provoke()
+    for length in (0, 1, 4, 15, 16, 17, 4095, 65535, 0x7fffffff, 0xffffffff):
+        kernel.send(struct.pack("=I", length) + whole[4:])
+    for length in (0, 1, 3, 4, 5, 200, 65535):
+        kernel.send(message(23, struct.pack("=HH", length, 1) + udp(2)))
+    kernel.still_judges()
+    run.check(kernel.ended == 0, f"{kernel.ended} ended it")
+
+
+@fault
+def packets_odd(run):
+    """packet messages with unknown, doubled, empty and no attributes; packets cut at every byte; 20,000 random ones
+
+    passes over or judges what there is; the next good packet is judged
+    """
+    run.configured()
+    kernel = Kernel(run)
+    whole = udp(3)
+    for odd in (message(23), message(23, attribute(1, b"")), message(23, attribute(2, b"x")),
+                message(23, attribute(2, b"x"), attribute(1, whole)), message(23, attribute(1, whole), attribute(1, whole)),
+                message(23, attribute(1, whole), attribute(99, whole)), message(77, attribute(1, whole)),
+                message(1), message(4), message(3, bytes(4))):
+        kernel.send(odd)
+    for length in range(len(whole)):
+        kernel.send(message(23, attribute(1, whole[:length])))
+    chance, batch = random.Random(6), []
+    for _ in range(20000):
+        head = chance.choice((0x45, 0x4f, 0x60, 0x00, 0xff, 0x40))
+        batch.append(message(23, attribute(1, bytes([head]) + chance.randbytes(chance.randrange(80)))))
+        if sum(map(len, batch)) > 3500:
+            run.module.command("inject-hex " + b"".join(batch).hex())
+            run.provoke(len(batch))
+            batch = []
+            if run.provoked % 10 == 0:
+                run.module.command("wait 10000")
+    run.module.command("wait 30000")
+    kernel.still_judges()
+    run.check(kernel.ended == 0, f"{kernel.ended} ended it")
+
+
+@fault
+def reports_cut(run):
+    """a statistics message cut at every byte, with its true length and with its whole length
+
+    takes complete reports, passes over the rest, or ends with status 1 and "mnl_cb_run: " and starts cleanly again
+    """
+    run.start("--report-interval", "0")  # without a kit: it starts in no time
+    kernel = Kernel(run)
+    whole = statistics(report(1), report(2))
+    step = run.often(2, 1)
+    for length in range(1, len(whole), step):
+        kernel.send(whole[:length], control=True)
+        if length >= 16:
+            kernel.send(struct.pack("=I", length) + whole[4:length], control=True)
+    run.check(kernel.survived > 0, "none survived")
+    run.afresh()
+    run.configured()
+    Kernel(run).still_judges()
+
+
+@fault
+def reports_odd(run):
+    """reports with missing, short, long, doubled, unknown attributes, other counts, of unknown flows, random ones
+
+    passes over incomplete ones and flows it does not know, or ends with status 1 and its text; good reports are recorded
+    """
+    run.start("--report-interval", "0")  # without a kit: it starts in no time
+    kernel = Kernel(run)
+    for number in range(1, 14):
+        for value in (b"", b"\0", b"\1\2\3", b"x" * 300):
+            kernel.send(statistics(report(1, **{f"a{number}": value})), control=True)
+    for odd in (statistics(), statistics(report(1), count=9), statistics(report(1) + attribute(40, b"x")),
+                statistics(report(1) + attribute(9, b"\1")), message(24, attribute(2, report(1))),
+                message(24, attribute(9, b"abc")), statistics(report(9), report(8)), message(77, attribute(1, b"xx"))):
+        kernel.send(odd, control=True)
+    chance = random.Random(7)
+    for _ in range(run.often(200, 2000)):
+        data = bytearray(statistics(report(1), report(2)))
+        for _ in range(4):
+            data[chance.randrange(20, len(data))] = chance.randrange(256)
+        kernel.send(bytes(data), control=True)
+    run.afresh()
+    run.configured(clock=True)
+    run.flows(50, first=5000)
+    run.report()
+    run.flush()
+    run.unwritten_ports({port_of(flow) for flow in range(5000, 5050)})
+
+
+@fault
+def fatal(run):
+    """netlink errors, foreign port ids and interrupted dumps on either socket
+
+    ends with status 1 and its text, as told to; started again it judges and has its settings
+    """
+    run.configured()
+    settings = run.lists()
+    error = struct.pack("=IHHII", 36, 2, 0, 0, 0) + struct.pack("=i", -22) + bytes(16)
+    for data in (error, message(23, attribute(1, udp(1)), port=4711), message(23, attribute(1, udp(1)), flags=0x10)):
+        for control in (False, True):
+            run.check(not Kernel(run).send(data, control), "it went on")
+            run.provoke(0)
+            if run.lists() != settings:
+                run.lost("saved settings")
+    run.judging(70000)
+
+
+@fault
+def module_restarts(run):
+    """the module is reloaded and forgets the daemon; it dies and another one comes
+
+    runs on without packets, as a kernel module tells nobody that it is back; once restarted it is served again
+    """
+    run.configured()
+    run.flows(10)
+    run.module.command("restart")
+    run.provoke()
+    run.serving()
+    run.check(not run.module.stats()["registered"], "the module has not forgotten")
+    run.restart_daemon()
+    run.judging(100)
+    run.module.stop()
+    run.provoke()
+    status = None
+    try:
+        run.serving()
+        run.accepted("packets until korvid is restarted")
+    except Exception:
+        status = run.daemon.wait()
+        run.check(status == 1, run.how_it_ended())
+    run.start_module("--report-interval", "0")
+    run.restart_daemon() if run.daemon.running() else run.start_daemon()
+    run.judging(200)
