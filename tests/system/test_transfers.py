@@ -104,17 +104,20 @@ class Transfers(case.SystemTest):
         for server in self.real_servers():
             with self.subTest(server.scheme):
                 self.serve(server)
+                # Alone into a folder that is not there; then both into one that is: of two clients that make the same
+                # folder at once, an FTP server refuses one.
                 RECORDS.write_bytes(content)
-                OLD_RECORDS.write_bytes(old)
+                OLD_RECORDS.unlink(missing_ok=True)
                 before = self.log().count("STATS CSV Upload SUCCESS")
-                self.assertTrue(self.export(server, "switch/today")["oldFilePresent"])
-                self.wait_for_log("STATS CSV Upload SUCCESS : CURLcode 0\n", before + 2)
+                self.assertFalse(self.export(server, "switch/today")["oldFilePresent"])
+                self.wait_for_log("STATS CSV Upload SUCCESS : CURLcode 0\n", before + 1)
                 self.assertEqual((server.store / "switch/today" / RECORDS.name).read_bytes(), content, server.log())
-                self.assertEqual((server.store / "switch/today" / OLD_RECORDS.name).read_bytes(), old)
-                OLD_RECORDS.unlink()
-                self.assertFalse(self.export(server, "switch/later/")["oldFilePresent"])
+                RECORDS.write_bytes(content * 2)
+                OLD_RECORDS.write_bytes(old)
+                self.assertTrue(self.export(server, "switch/today/")["oldFilePresent"])
                 self.wait_for_log("STATS CSV Upload SUCCESS : CURLcode 0\n", before + 3)
-                self.assertEqual((server.store / "switch/later" / RECORDS.name).read_bytes(), content)
+                self.assertEqual((server.store / "switch/today" / RECORDS.name).read_bytes(), content * 2)
+                self.assertEqual((server.store / "switch/today" / OLD_RECORDS.name).read_bytes(), old)
                 self.assertNotIn(server.password, self.log() + world.text_of(world.REQUEST_LOG))
 
     def test_upload_that_fails_leaves_the_way_free_for_the_next(self):
