@@ -63,6 +63,10 @@ class Table {
     // Keeps what has `text` in its name.
     void keepOnly(const std::string &text);
 
+    // For instruction counts: one stretch of that row's own side, in korvid_bench_measured.  The operations
+    // done, 0 when there is no such row.
+    size_t once(const std::string &what) const;
+
     // Measures and prints; the number of limits that were missed.
     int run(unsigned rounds);
 

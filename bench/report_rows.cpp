@@ -171,6 +171,10 @@ Row reports(unsigned perMessage, double limit) {
 
 }  // namespace
 
+Loop reportLoop(unsigned perMessage) {
+    return reports(perMessage, 0).ours;
+}
+
 void addReportRows(Table &table) {
     table.add(reports(1, 1.0));
     table.add(reports(10, 1.0));

@@ -13,4 +13,9 @@ void addLogRows(Table &table);
 void addMemoryRows(Table &table);
 void addWaitRows(Table &table);
 
+Loop reportLoop(unsigned perMessage);  // the daemon's side of a report row
+
+// Figures of the daemon's own growth, one "curve size nanoseconds" a line; 0.
+int printCurves();
+
 }  // namespace bench

@@ -39,13 +39,16 @@ namespace {
 
 constexpr size_t kProbes = 512;
 
+// Trees are made when they are first needed: not every run measures every row.
 struct Search {
-    explicit Search(size_t count) : trees(count) {}
-    TreePair trees;
+    explicit Search(size_t flows) : count(flows) {}
+    size_t count;
+    std::unique_ptr<TreePair> trees;
     std::array<AmEnfKey4, kProbes> probes;
 
     void refill() {
-        for (AmEnfKey4 &probe : probes) probe = trees.keys[anyNumber() % trees.keys.size()];
+        if (!trees) trees = std::make_unique<TreePair>(count);
+        for (AmEnfKey4 &probe : probes) probe = trees->keys[anyNumber() % count];
     }
 };
 
@@ -56,12 +59,12 @@ std::string power(size_t count) {
 Row search(const std::shared_ptr<Search> &search, double limit) {
     const auto prepare = [search] { search->refill(); };
     return {
-        .what = "tree find, " + power(search->trees.keys.size()) + " flows",
+        .what = "tree find, " + power(search->count) + " flows",
         .reference = "boost::intrusive::set",
         .limit = limit,
         .bare = {prepare,
                  [search] {
-                     for (const AmEnfKey4 &key : search->probes) keep(&*search->trees.boost.find(key));
+                     for (const AmEnfKey4 &key : search->probes) keep(&*search->trees->boost.find(key));
                      return kProbes;
                  }},
         .ours = {prepare,
@@ -69,7 +72,7 @@ Row search(const std::shared_ptr<Search> &search, double limit) {
                      AmEnfFlow4 probe{};
                      for (const AmEnfKey4 &key : search->probes) {
                          probe.key = key;
-                         keep(rbtFind(&search->trees.ours, &probe.node));
+                         keep(rbtFind(&search->trees->ours, &probe.node));
                      }
                      return kProbes;
                  }},
@@ -79,14 +82,17 @@ Row search(const std::shared_ptr<Search> &search, double limit) {
 // A batch of new flows comes into a tree of `count` and goes again; the next batch has other keys.
 struct Change {
     static constexpr size_t kBatch = 256;
-    explicit Change(size_t count) : trees(count) {
-        for (auto *&record : records) record = new (trees.slab.take()) AmEnfFlow4{};
-    }
-    TreePair trees;
+    explicit Change(size_t held) : count(held) {}
+    size_t count;
+    std::unique_ptr<TreePair> trees;
     std::array<AmEnfFlow4 *, kBatch> records;
     std::array<BoostFlow, kBatch> flows;
 
     void refill() {
+        if (!trees) {
+            trees = std::make_unique<TreePair>(count);
+            for (auto *&record : records) record = new (trees->slab.take()) AmEnfFlow4{};
+        }
         for (size_t i = 0; i < kBatch; i++) records[i]->key = flows[i].key = freshKey();
     }
 };
@@ -100,15 +106,15 @@ Row change(size_t count, double limit) {
         .limit = limit,
         .bare = {prepare,
                  [it] {
-                     BoostFlows &set = it->trees.boost;
+                     BoostFlows &set = it->trees->boost;
                      for (BoostFlow &flow : it->flows) set.insert(flow);
                      for (BoostFlow &flow : it->flows) set.erase(set.iterator_to(flow));
                      return Change::kBatch;
                  }},
         .ours = {prepare,
                  [it] {
-                     for (AmEnfFlow4 *record : it->records) rbtInsert(&it->trees.ours, &record->node);
-                     for (AmEnfFlow4 *record : it->records) rbtRemove(&it->trees.ours, &record->node);
+                     for (AmEnfFlow4 *record : it->records) rbtInsert(&it->trees->ours, &record->node);
+                     for (AmEnfFlow4 *record : it->records) rbtRemove(&it->trees->ours, &record->node);
                      return Change::kBatch;
                  }},
     };
