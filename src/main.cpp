@@ -1,5 +1,6 @@
 // Start-up and shutdown.  No step looks at the result of an earlier one: a daemon without a bus or without a
-// configuration still serves the kernel; only the netlink sockets are indispensable, and end the process themselves.
+// configuration still serves the kernel; only the netlink sockets are indispensable, and end the process
+// themselves.
 #include <curl/curl.h>
 #include <unistd.h>
 
@@ -26,8 +27,8 @@ extern "C" {
 
 namespace {
 
-// The bus socket named by the last -s, or null.  getopt itself complains about unknown options, which are skipped;
-// -c is accepted for the sake of existing start scripts.
+// The bus socket named by the last -s, or null.  getopt itself complains about unknown options, which are
+// skipped; -c is accepted for the sake of existing start scripts.
 const char *busPath(int argc, char *const *argv) {
     const char *path = nullptr;
     for (int option; (option = getopt(argc, argv, "cs:")) != -1;)
