@@ -22,7 +22,6 @@ class Layer:
         self.key = flow_key(proto, source, target)
         self.flags = 0
         self.fragment = self.later = self.cut = False
-        self.payload = 0  # bytes behind the transport header
 
 
 def flow_key(proto, source, target):
@@ -110,11 +109,8 @@ def layers(data, cut=False, depth=0):
             ports = struct.unpack_from(">HH", data, at)
         layer = Layer(proto, (source, ports[0]), (target, ports[1]), depth)
         layer.fragment, layer.later, layer.cut = fragment, later, cut
-        behind = at + 8
         if proto == TCP and len(data) > at + 13:
             layer.flags = data[at + 13]
-            behind = at + (data[at + 12] >> 4) * 4
-        layer.payload = max(0, total - behind)
         yield layer
         data = b"" if fragment else inside(layer, data, at)
         depth += 1
@@ -160,36 +156,25 @@ def inside(layer, data, at):
 
 
 class Flow:
-    """What a capture holds of one flow, at one depth or in several."""
+    """What a capture holds of one flow."""
 
     def __init__(self):
-        self.packets = self.payload_packets = 0
-        self.depths = set()
-        self.fragments = self.later = self.cut = self.starts = 0
-        self.first_is_start = False
-        self.ways = set()
-        self.last = None
-        self.pause = 0.0  # the longest, seconds
-        self.first_source = None
+        self.packets = 0
+        self.later = 0   # of them later fragments, which have no ports
+        self.cut = 0     # of them cut by the capture
+        self.starts = 0  # of TCP connections
+        self.depths = set()  # 0: on the wire, 1: in a tunnel, ...
 
 
 def flows(data):
     """{flow key: Flow} of a whole capture."""
     found = {}
-    for link, time, frame, length in frames(data):
+    for link, _, frame, length in frames(data):
         for layer in layers(ip_of(link, frame), cut=len(frame) < length):
             flow = found.setdefault(layer.key, Flow())
-            if not flow.packets:
-                flow.first_source = layer.source
             flow.packets += 1
-            flow.payload_packets += layer.payload > 0
             flow.depths.add(layer.depth)
-            flow.fragments += layer.fragment
             flow.later += layer.later
             flow.cut += layer.cut
             flow.starts += layer.proto == TCP and layer.flags & 0x12 == 0x02
-            flow.ways.add(layer.source)
-            if flow.last is not None:
-                flow.pause = max(flow.pause, time - flow.last)
-            flow.last = time
     return found

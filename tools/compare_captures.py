@@ -1,6 +1,7 @@
 """What tools/compare-captures runs inside the sandbox."""
 import argparse
 import collections
+import ipaddress
 import pathlib
 import re
 import shutil
@@ -58,13 +59,11 @@ def read(capture, *options):
 
     From its text: the table that it can write leaves out the flows that it did not recognise.
     """
-    link = pathlib.Path("/tmp/reader-input")  # the reader takes commas for separators
-    link.unlink(missing_ok=True)
-    link.symlink_to(capture)
-    done = subprocess.run(["ndpiReader", "-v", "2", "-i", str(link), *options], capture_output=True, text=True,
+    done = subprocess.run(["ndpiReader", "-v", "2", "-i", str(capture), *options], capture_output=True, text=True,
                           errors="replace", check=False)
     if done.returncode != 0:
-        raise RuntimeError(f"ndpiReader ended with {done.returncode}: {done.stderr.strip()[-300:]}")
+        said = done.stderr.strip() or done.stdout.strip().rpartition("\n")[2]
+        raise RuntimeError(f"ndpiReader ended with {done.returncode}: {said[-300:]}")
     side = Side()
     side.confidence = {}
     for proto, source, sport, target, dport, name, confidence in READER_FLOW.findall(done.stdout):
@@ -138,6 +137,7 @@ class Evidence:
     def __init__(self, capture, reader):
         self.capture, self.reader = capture, reader
         self.flows = capture_packets.flows(capture.read_bytes())
+        self.lower_halves = {lower_halves(key) for key in reader.names} - {None}
         self._cache = {}
 
     def says(self, key, *options):
@@ -154,8 +154,16 @@ CLASSES = {
     "reused ports": "several connections with the same ports: a verdict for each, one flow for the reader",
     "fragments": "later fragments without a first one carry no ports: no flow for the engine",
     "tunnel": "the reader names the flows inside the tunnel, korvid the tunnel: its packets are what the switch forwards",
+    "IPv6 prefix": "the reader tells hosts apart by the last 64 bits of an address, and takes this flow for another's part",
     "cut": "the capture holds the beginnings of these packets only, and the reader leaves them out",
 }
+
+
+def lower_halves(key):
+    """The flow, its IPv6 addresses without their prefixes; None for IPv4."""
+    if ":" not in key[1][0]:
+        return None
+    return (key[0], *sorted((ipaddress.ip_address(address).packed[8:], port) for address, port in key[1:]))
 
 
 def explain(key, ours, theirs, evidence):
@@ -170,12 +178,15 @@ def explain(key, ours, theirs, evidence):
     if not theirs:
         if 0 in flow.depths and key[0] in TUNNEL_PROTOCOLS:
             return "tunnel"
+        if lower_halves(key) in evidence.lower_halves:
+            return "IPv6 prefix"
         return "cut" if flow.cut == flow.packets else None
-    if evidence.says(key, "-d") == ours:
+    confidence = evidence.reader.confidence.get(key, "")
+    if evidence.says(key, "-d") == ours or (ours == [UNKNOWN] and confidence.startswith("Match by")):
         return "guessed"
     if evidence.says(key, "-d", "-T", str(ENGINE_PACKETS), "-U", str(ENGINE_PACKETS)) == ours:
         return "packet limit"
-    if ours == [UNKNOWN] and evidence.reader.confidence.get(key) == "DPI (cache)":
+    if ours == [UNKNOWN] and confidence == "DPI (cache)":
         return "other flows"
     if flow.starts > 1 and set(theirs) <= set(ours):
         return "reused ports"
@@ -281,8 +292,11 @@ def main():
     with world.World() as system:
         start(system)
         for name, capture in captures:
+            link = pathlib.Path("/tmp/capture")  # neither takes every name
+            link.unlink(missing_ok=True)
+            link.symlink_to(capture)
             try:
-                compare(name, capture, system, summary, options)
+                compare(name, link, system, summary, options)
             except (RuntimeError, OSError, world.Failure) as error:
                 summary.failed.append((name, str(error)))
         status = system.daemon.stop()

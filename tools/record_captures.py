@@ -145,8 +145,7 @@ class Stage:
                                f"{(done.stderr or done.stdout).decode(errors='replace').strip()[-400:]}")
 
     def connect(self, port, address=SERVER4):
-        connection = socket.create_connection((address, port), timeout=5)
-        return connection
+        return socket.create_connection((address, port), timeout=5)
 
     def datagrams(self, port, *payloads, address=SERVER4, source=0, answers=True):
         """Sends each datagram and takes its answer."""
@@ -210,8 +209,7 @@ def record(name, output):
             detail = getattr(error, "stderr", None) or b""
             print(f"{name}: FAILED: {error} {detail.decode(errors='replace')[-300:]}\n{stage.logs()}", flush=True)
             return False
-    sizes = [path.stat().st_size for path in output.glob(f"{name}*.pcap")]
-    print(f"{name}: {sum(sizes)} bytes", flush=True)
+    print(f"{name}: recorded", flush=True)
     return True
 
 
