@@ -160,7 +160,6 @@ class Flow:
 
     def __init__(self):
         self.packets = 0
-        self.later = 0   # of them later fragments, which have no ports
         self.cut = 0     # of them cut by the capture
         self.starts = 0  # of TCP connections
         self.depths = set()  # 0: on the wire, 1: in a tunnel, ...
@@ -174,7 +173,6 @@ def flows(data):
             flow = found.setdefault(layer.key, Flow())
             flow.packets += 1
             flow.depths.add(layer.depth)
-            flow.later += layer.later
             flow.cut += layer.cut
             flow.starts += layer.proto == TCP and layer.flags & 0x12 == 0x02
     return found

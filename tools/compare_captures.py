@@ -17,7 +17,7 @@ from capture_packets import flow_key
 # What platform/engine/ndpi_engine.cpp allows a flow, in the reader's terms.
 ENGINE_PACKETS = 32
 SUFFIXES = {".pcap", ".pcapng", ".cap"}
-PROTOCOLS = {1: "ICMP", 2: "IGMP", 4: "IPIP", 6: "TCP", 17: "UDP", 41: "6in4", 47: "GRE", 50: "ESP", 51: "AH",
+PROTOCOLS = {1: "ICMP", 2: "IGMP", 4: "IPIP", 6: "TCP", 17: "UDP", 41: "IPv6-in-IP", 47: "GRE", 50: "ESP", 51: "AH",
              58: "ICMPv6", 132: "SCTP"}
 READER_PROTOCOLS = {"TCP": 6, "UDP": 17, "ICMP": 1, "ICMPV6": 58, "VRRP": 112, "IGMP": 2}
 READER_FLOW = re.compile(r"^\t\d+\t(\w+) (\S+):(\d+) <?-> (\S+):(\d+) .*?\[proto: [\d.]+/([^\]]+)\]"
@@ -152,7 +152,6 @@ CLASSES = {
     "packet limit": f"recognised late; agrees when the reader gives up after {ENGINE_PACKETS} packets as the engine does",
     "other flows": "the reader goes by what it saw of the same hosts before, not by this flow; the engine does not",
     "reused ports": "several connections with the same ports: a verdict for each, one flow for the reader",
-    "fragments": "later fragments without a first one carry no ports: no flow for the engine",
     "tunnel": "the reader names the flows inside the tunnel, korvid the tunnel: its packets are what the switch forwards",
     "IPv6 prefix": "the reader tells hosts apart by the last 64 bits of an address, and takes this flow for another's part",
     "cut": "the capture holds the beginnings of these packets only, and the reader leaves them out",
@@ -172,9 +171,7 @@ def explain(key, ours, theirs, evidence):
     if flow is None:
         return None
     if not ours:
-        if 0 not in flow.depths:
-            return "tunnel"
-        return "fragments" if flow.later == flow.packets else None
+        return "tunnel" if 0 not in flow.depths else None
     if not theirs:
         if 0 in flow.depths and key[0] in TUNNEL_PROTOCOLS:
             return "tunnel"
