@@ -6,7 +6,7 @@ import time
 
 import prove_base
 
-FAMILIES = ("storage", "kill", "kernel")
+FAMILIES = ("storage", "kill", "memory", "kernel", "kits", "bus", "servers", "clock")
 
 
 def chosen(words):
