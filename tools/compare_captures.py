@@ -148,12 +148,12 @@ class Evidence:
 
 
 CLASSES = {
-    "guessed": "the packets show nothing; the reader guesses from port or address, the engine does not (agrees with -d)",
-    "packet limit": f"recognised late; agrees when the reader gives up after {ENGINE_PACKETS} packets as the engine does",
+    "guessed": "the packets show nothing: the reader guesses from port or address, the engine never (agrees with -d)",
+    "packet limit": f"shows late; agrees when the reader gives up after {ENGINE_PACKETS} packets as the engine does",
     "other flows": "the reader goes by what it saw of the same hosts before, not by this flow; the engine does not",
     "reused ports": "several connections with the same ports: a verdict for each, one flow for the reader",
     "tunnel": "the reader names the flows inside the tunnel, korvid the tunnel: its packets are what the switch forwards",
-    "IPv6 prefix": "the reader tells hosts apart by the last 64 bits of an address, and takes this flow for another's part",
+    "IPv6 prefix": "the reader goes by the last 64 bits of addresses, and takes two flows for one",
     "cut": "the capture holds the beginnings of these packets only, and the reader leaves them out",
 }
 

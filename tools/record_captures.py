@@ -61,6 +61,8 @@ class Stage:
                 os.killpg(child.pid, signal.SIGKILL)
                 child.wait()
         for listener in self.listeners:
+            with contextlib.suppress(OSError):
+                listener.shutdown(socket.SHUT_RDWR)  # its thread waits in it, and would keep the port
             listener.close()
         shutil.rmtree(self.work, ignore_errors=True)
 
