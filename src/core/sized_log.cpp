@@ -27,7 +27,9 @@ void openSizedLog(SizedLog &log, const char *path) {
     log.stream = named ? openForAppending(path) : nullptr;
     if (log.stream) return;
     log.stream = stderr;
-    if (named) printf("%s%s\n", log.openFail, path);
+    if (!named) return;
+    printf("%s%s\n", log.openFail, path);
+    (void)fflush(stdout);  // a supervisor's pipe is buffered, and not every way out of the process flushes it
 }
 
 void closeSizedLog(SizedLog &log) {

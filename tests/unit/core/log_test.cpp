@@ -1,6 +1,7 @@
 // The log at its literal path: runs in the sandbox.
 #include "core/log.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -121,6 +122,22 @@ TEST_F(Log, MissingFileOfARunningLogIsNotMissed) {
     ASSERT_EQ(unlink(kLogPath), 0);
     amLog(AM_LOG_ERROR, "into the deleted file\n");
     EXPECT_EQ(size(), -1) << "only the limit reopens it";
+}
+
+TEST_F(Log, FailureToOpenIsToldAtOnceAlsoToAPipe) {
+    ASSERT_EQ(mkdir(kLogPath, 0755), 0);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    (void)fflush(stdout);
+    const int before = dup(STDOUT_FILENO);
+    (void)dup2(ends[1], STDOUT_FILENO);
+    amLogOpen(kLogPath, 1);
+    char text[100] = "";
+    (void)!read(ends[0], text, sizeof text - 1);
+    (void)dup2(before, STDOUT_FILENO);
+    EXPECT_STREQ(text, "Error open log file: /var/log/dpi.log\n");
+    for (const int fd : {before, ends[0], ends[1]}) (void)close(fd);
+    (void)rmdir(kLogPath);
 }
 
 TEST_F(Log, StandardErrorTakesThePlaceOfAFileThatCannotBeOpened) {
