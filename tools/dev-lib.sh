@@ -67,6 +67,15 @@ stage_fuzz() {
     tools/fuzz "${1:-18}"
 }
 
+# The whole table, or what korvid-bench's own options choose of its first part.
+run_bench() {
+    [ $# -eq 0 ] || { tools/sandbox -- build/release/bench/korvid-bench "$@"; return; }
+    status=0
+    tools/sandbox -- build/release/bench/korvid-bench || status=1
+    tools/sandbox -- bench/process.py || status=1
+    return $status
+}
+
 run_stages() {
     [ $# -gt 0 ] || set -- release lint asan tsan fuzz
     for stage in "$@"; do
