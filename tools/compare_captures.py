@@ -297,9 +297,9 @@ def main():
             except (RuntimeError, OSError, world.Failure) as error:
                 summary.failed.append((name, str(error)))
         status = system.daemon.stop()
+        if status != 0:
+            summary.failed.append(("korvid", f"ended with {status}: {system.daemon.stderr[-3000:]}"))
     summary.print(options.markdown)
-    if status != 0:
-        summary.failed.append(("korvid", f"ended with {status}"))
     return 2 if summary.failed else 1 if summary.totals[3] else 0
 
 

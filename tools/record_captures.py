@@ -133,6 +133,8 @@ class Stage:
         with contextlib.suppress(OSError):
             while True:
                 datagram, peer = server.recvfrom(65535)
+                if peer is None:  # shut down
+                    return
                 reply = answer(datagram)
                 if reply:
                     server.sendto(reply, peer)
