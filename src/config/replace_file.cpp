@@ -131,12 +131,14 @@ bool writeInPlace(const Path &path, std::string_view content) {
     const int fd = open(path.text, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, kOwnerOnly);
     if (fd < 0) return false;
     const auto length = static_cast<off_t>(content.size());
-    if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, length) != 0 && (errno == ENOSPC || errno == EDQUOT)) {
+    const bool full =
+        fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, length) != 0 && (errno == ENOSPC || errno == EDQUOT);
+    if (full || ftruncate(fd, 0) != 0) {
         logFailure("write", path, errno);
         (void)close(fd);
         return false;
     }
-    if (ftruncate(fd, 0) == 0 && writeAndClose(fd, content)) return true;
+    if (writeAndClose(fd, content)) return true;
     logFailure("write", path, errno);
     return false;
 }

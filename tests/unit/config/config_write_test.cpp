@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -153,6 +154,20 @@ TEST_F(ConfigWrite, WhatCannotBeOpenedIsNotWritten) {
     EXPECT_FALSE(fs::exists("/var/config"));
     EXPECT_EQ(log_.text(), "");
     fs::rename("/var/elsewhere", "/var/config");
+}
+
+TEST_F(ConfigWrite, WhatIsNoFileIsRefusedAndClosedAgain) {
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator{});
+    };
+    ASSERT_EQ(mkfifo(kConfigPath, 0600), 0);
+    fs::create_directory("/var/config/dpi.conf.new");
+    const int reader = open(kConfigPath, O_RDONLY | O_NONBLOCK);
+    const auto before = descriptors();
+    amWriteConfigToFile();
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_TRUE(log_.has("Unable to write /var/config/dpi.conf"));
+    (void)close(reader);
 }
 
 TEST_F(ConfigWrite, FullDiskKeepsTheFileThatWasThere) {
