@@ -1,6 +1,7 @@
 #include "bench.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <random>
@@ -94,7 +95,7 @@ bool print(const std::string &what, const std::string &reference, double limit, 
 Quartiles quartilesOf(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     const auto at = [&values](double share) {
-        return values[static_cast<size_t>(share * static_cast<double>(values.size() - 1) + 0.5)];
+        return values[static_cast<size_t>(std::lround(share * static_cast<double>(values.size() - 1)))];
     };
     return {at(0.25), at(0.5), at(0.75)};
 }

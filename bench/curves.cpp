@@ -25,7 +25,7 @@ void point(const char *curve, size_t size, const Loop &loop) {
 
 void flows() {
     static capture_flow_info fresh[128];
-    for (const size_t count : {1'000, 3'000, 10'000, 30'000, 100'000, 300'000, 1'000'000}) {
+    for (const size_t count : {1'000U, 3'000U, 10'000U, 30'000U, 100'000U, 300'000U, 1'000'000U}) {
         const auto prepare = [count] {
             drainControl();
             holdFlows(count);
@@ -108,7 +108,7 @@ void packets() {
         const AmGuard gate(amEngineGate);
         process_pktptr = [](const capture_pkt *pkt, const timeval *) { keep(pkt); };
     }
-    for (const size_t length : {40, 64, 256, 576, 1'500, 2'500, 3'900})
+    for (const size_t length : {40U, 64U, 256U, 576U, 1'500U, 2'500U, 3'900U})
         point("packet", length,
               {[length] {
                    if (ringLength() != length) writeRing(length, kFrames);

@@ -159,7 +159,7 @@ void changeLists() {
 }  // namespace
 
 void addWaitRows(Table &table) {
-    const struct {
+    const struct Walk {
         const char *what;
         void (*walk)();
     } walks[] = {{"longest wait of a verdict, sweep of 1e5 flows", amCleanAgedEnfFlowDb},
@@ -173,11 +173,11 @@ void addWaitRows(Table &table) {
                      .gate = Gate::report});
     // 100 us is the aim.  The limit leaves room for a machine whose bare wake-up takes most of that, and
     // still tells a walk that keeps its lock: that takes 10,000 us.
-    for (const auto &[what, walk] : walks)
-        table.add(Figure{.what = what,
+    for (const Walk &it : walks)
+        table.add(Figure{.what = it.what,
                          .unit = "us",
                          .limit = 500,
-                         .measure = [walk] { return longestWait(walk); },
+                         .measure = [walk = it.walk] { return longestWait(walk); },
                          .rounds = 9});
 }
 
