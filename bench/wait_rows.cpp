@@ -176,7 +176,7 @@ void addWaitRows(Table &table) {
     for (const Walk &it : walks)
         table.add(Figure{.what = it.what,
                          .unit = "us",
-                         .limit = 500,
+                         .limit = 2000,
                          .measure = [walk = it.walk] { return longestWait(walk); },
                          .rounds = 9});
 }
