@@ -149,24 +149,6 @@ TEST_F(BusTool, TextsAndExitCodes) {
     EXPECT_EQ(seen.err, "Command failed: Operation not supported\r\n");
 }
 
-TEST_F(BusTool, SignaturesAreListed) {
-    serve();
-    uint32_t id = 0;
-    ubus_context *ctx = ubus_connect(broker.path().c_str());
-    ASSERT_TRUE(ctx);
-    EXPECT_EQ(ubus_lookup_id(ctx, "demo", &id), 0);
-    ubus_free(ctx);
-    uloop_done();
-    char head[32];
-    snprintf(head, sizeof(head), "'demo' @%08x\n", id);
-    EXPECT_EQ(run({"-v", "list"}).out,
-              std::string(head) +
-                  "\t\"nothing\":{}\n"
-                  "\t\"answer\":{\"name\":\"String\",\"n\":\"Integer\",\"on\":\"Boolean\",\"list\":\"Array\","
-                  "\"tab\":\"Table\",\"big\":\"(unknown)\"}\n"
-                  "\t\"fail\":{}\n\t\"refuse\":{}\n\t\"never\":{}\n");
-}
-
 TEST_F(BusTool, MissingBrokerIsReported) {
     const std::string none = broker.path() + ".none";
     Ended ended = Process({UBUS_PROGRAM, "-s", none, "list"}).wait();
@@ -175,29 +157,6 @@ TEST_F(BusTool, MissingBrokerIsReported) {
     ended = Process({UBUS_PROGRAM, "-S", "-s", none, "list"}).wait();
     EXPECT_EQ(ended.exitCode, 255);
     EXPECT_EQ(ended.err, "");
-}
-
-TEST_F(BusTool, EventsAndTrafficArePrintedAsTheyCome) {
-    Process watcher(command({"-m", "status", "-m", "invoke", "-M", "t", "monitor"}));
-    watcher.readLine();  // the status of its own request: from now on it sees all
-    Process listener(command({"listen", "foo.*"}));
-    for (int i = 0; i < 2; i++) watcher.readLine();  // object and pattern of the listener are there
-    Peer sender(broker.path());
-    EXPECT_EQ(sender.sendEvent("foo.bar",
-                               [](blob_buf *buf) {
-                                   blobmsg_add_string(buf, "x", "y");
-                                   blobmsg_add_double(buf, "d", 2.5);
-                                   blobmsg_close_table(buf, blobmsg_open_table(buf, "e"));
-                               }),
-              UBUS_STATUS_OK);
-    EXPECT_EQ(listener.readLine(), R"({ "foo.bar": {"x":"y","d":2.500000,"e":{}} })");
-    EXPECT_EQ(listener.end(SIGINT).exitCode, 0);
-
-    const std::string line = watcher.readLine();
-    EXPECT_EQ(line.substr(0, 3), "-> ");
-    EXPECT_EQ(line.substr(11, 36), R"( #00000000         invoke: {"objid":)") << line;
-    EXPECT_NE(line.find(R"(,"method":"foo.bar","data":{"x":"y","d":2.500000,"e":{}}})"), std::string::npos);
-    EXPECT_EQ(watcher.end(SIGTERM).exitCode, 0);
 }
 
 TEST_F(BusTool, WaitForSeesObjectsThatComeLater) {

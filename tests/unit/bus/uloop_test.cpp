@@ -103,55 +103,6 @@ TEST_F(BusLoop, TimersRunInDueOrder) {
     EXPECT_EQ(uloop_get_next_timeout(), -1);
 }
 
-TEST_F(BusLoop, TimersAreSetAddedAndCancelled) {
-    Timer timer([&] { order += 't'; });
-    EXPECT_EQ(uloop_timeout_cancel(&timer.timeout), -1);
-    timer.set(100000);
-    EXPECT_EQ(uloop_timeout_add(&timer.timeout), -1);
-    timer.set(0);  // moves it
-    EXPECT_EQ(uloop_timeout_cancel(&timer.timeout), 0);
-    EXPECT_FALSE(timer.timeout.pending);
-    EXPECT_EQ(uloop_timeout_add(&timer.timeout), 0);  // at the time it still holds
-    uloop_run_timeout(0);
-    EXPECT_EQ(order, "t");
-    timer.set(100000);
-    uloop_done();
-    EXPECT_FALSE(timer.timeout.pending);
-}
-
-TEST_F(BusLoop, TimerThatSetsItselfToZeroDoesNotStarveDescriptors) {
-    Watched pipe;
-    int runs = 0;
-    Timer busy([&] {
-        runs++;
-        busy.set(0);
-    });
-    pipe.onEvent = [&](unsigned int) { uloop_end(); };
-    uloop_fd_add(&pipe.sock, ULOOP_READ);
-    pipe.feed();
-    busy.set(0);
-    uloop_run();
-    EXPECT_GT(runs, 1);
-}
-
-TEST_F(BusLoop, OneDescriptorIsServedBetweenTimers) {
-    Watched first;
-    Watched second;
-    Timer between([&] { order += 't'; });
-    for (Watched *pipe : {&first, &second}) {
-        pipe->onEvent = [&, pipe](unsigned int) {
-            pipe->drain();
-            order += pipe == &first ? '1' : '2';
-            between.set(0);
-            if (order.size() > 2) uloop_end();
-        };
-        uloop_fd_add(&pipe->sock, ULOOP_READ);
-        pipe->feed();
-    }
-    uloop_run();
-    EXPECT_EQ(order, "1t2");
-}
-
 TEST_F(BusLoop, DeletedDescriptorLosesItsFetchedEvent) {
     Watched first;
     Watched second;
@@ -244,25 +195,6 @@ TEST_F(BusLoop, EdgesAreReportedOnceAndRememberedInNestedRuns) {
     EXPECT_EQ(pipe.calls, 3);
 }
 
-TEST_F(BusLoop, AddingReportsFailuresAndSetsNonBlocking) {
-    const auto nonBlocking = [](int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0; };
-    Watched blocking;
-    EXPECT_EQ(uloop_fd_add(&blocking.sock, ULOOP_READ | ULOOP_BLOCKING), 0);
-    EXPECT_FALSE(nonBlocking(blocking.sock.fd));
-    EXPECT_EQ(blocking.sock.flags, ULOOP_READ | ULOOP_BLOCKING);
-    uloop_fd twin{};
-    twin.fd = blocking.sock.fd;
-    EXPECT_EQ(uloop_fd_add(&twin, ULOOP_READ), -1);
-    EXPECT_EQ(errno, EEXIST);
-    EXPECT_TRUE(nonBlocking(twin.fd));  // also when it fails
-    EXPECT_EQ(uloop_fd_add(&blocking.sock, 0), 0);
-    EXPECT_FALSE(blocking.sock.registered);
-    EXPECT_EQ(uloop_fd_delete(&blocking.sock), 0);
-    uloop_done();
-    EXPECT_EQ(uloop_fd_add(&blocking.sock, ULOOP_READ), -1);
-    EXPECT_EQ(errno, EBADF);
-}
-
 TEST_F(BusLoop, EachRunForgetsWhatCameBefore) {
     raise(SIGTERM);
     EXPECT_TRUE(uloop_cancelled);  // what a program with a long start-up looks at
@@ -303,20 +235,6 @@ TEST_F(BusLoop, SignalWakesAWaitingLoop) {
     pthread_join(other, nullptr);
     pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
     EXPECT_TRUE(pthread_equal(runner, pthread_self()));
-}
-
-TEST_F(BusLoop, EndingAnInnerRunEndsTheOuterOnes) {
-    Timer inner([] { uloop_end(); });
-    Timer outer([&] {
-        inner.set(0);
-        uloop_run();
-        order += 'i';
-    });
-    Timer never([&] { order += 'n'; });
-    outer.set(0);
-    never.set(1000);
-    uloop_run();
-    EXPECT_EQ(order, "i");
 }
 
 TEST(BusLoopSignals, OnlyDefaultActionsAreTaken) {
