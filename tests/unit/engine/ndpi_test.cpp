@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <random>
 #include <set>
 
 #include "engine_host.h"
@@ -113,33 +112,6 @@ TEST(NdpiEngine, RecognisesRecordedTrafficOncePerFlow) {
     }
 }
 
-TEST(NdpiEngine, TheSenderOfTheFirstPacketIsTheSource) {
-    std::vector<CapturedPacket> packets = packetsWithPort(53, kUdp, 1);
-    ASSERT_EQ(packets.size(), 2U);
-    std::reverse(packets.begin(), packets.end());  // the answer is what is seen first
-    packets[1].time = packets[0].time;
-    EngineHost engine("ndpi");
-    engine.start();
-    const std::vector<Report> reports = classify(engine, packets);
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(reports[0].src, "198.51.100.53");
-    EXPECT_EQ(reports[0].srcPort, 53U);
-    EXPECT_EQ(reports[0].dst, "192.0.2.11");
-    EXPECT_EQ(reports[0].appName, "DNS");
-}
-
-TEST(NdpiEngine, ASecondConnectionOnTheSamePortsIsAnotherFlow) {
-    EngineHost engine("ndpi");
-    engine.start();
-    const std::vector<CapturedPacket> web = packetsWithPort(80, kTcp, 1),
-                                      names = packetsWithPort(53, kUdp, 1);
-    const std::vector<Report> first = classify(engine, web);
-    ASSERT_EQ(first.size(), 1U);
-    EXPECT_EQ(classify(engine, web), first);
-    EXPECT_EQ(classify(engine, names).size(), 1U);
-    EXPECT_TRUE(classify(engine, names).empty()) << "nothing ended that one";
-}
-
 TEST(NdpiEngine, UndecidedFlowsAreReportedUnknownOnceIdle) {
     EngineHost engine("ndpi");
     engine.start();
@@ -152,34 +124,6 @@ TEST(NdpiEngine, UndecidedFlowsAreReportedUnknownOnceIdle) {
     EXPECT_EQ(takeReports(), std::vector{expected});
     engine.packet(ipv4(kUdp, udp(2, 2)), 0);  // a clock that is set back expires nothing
     EXPECT_TRUE(takeReports().empty());
-}
-
-TEST(NdpiEngine, AFlowIsGivenUpAfterManyPackets) {
-    EngineHost engine("ndpi");
-    engine.start();
-    for (int i = 0; i < 100; i++) engine.packet(ipv4(kUdp, udp(40000, 40001, Bytes(20, 0xa5))));
-    EXPECT_EQ(takeReports().size(), 1U);
-}
-
-TEST(NdpiEngine, OneFlowsApplicationIsNotGivenToOthersOfTheHosts) {
-    EngineHost engine("ndpi");
-    engine.start();
-    const std::string text =
-        "\x13"
-        "BitTorrent protocol" +
-        std::string(48, 'a');
-    const Bytes handshake(text.begin(), text.end());
-    const uint8_t push = 0x08 | engine::TCP_ACK;
-    engine.packet(ipv4(kTcp, tcp(50000, 6881, engine::TCP_SYN)));
-    engine.packet(answer(ipv4(kTcp, tcp(50000, 6881, engine::TCP_SYN | engine::TCP_ACK))));
-    engine.packet(ipv4(kTcp, joined(tcp(50000, 6881, push), handshake)));
-    engine.packet(answer(ipv4(kTcp, joined(tcp(50000, 6881, push), handshake))));
-    ASSERT_EQ(takeReports().at(0).appName, "BitTorrent");
-
-    engine.packet(ipv4(kTcp, tcp(50001, 40000, engine::TCP_SYN)));
-    engine.packet(ipv4(kTcp, joined(tcp(50001, 40000, push), Bytes(4, 0x91))));
-    engine.packet(ipv4(kTcp, tcp(50001, 40000, engine::TCP_RST)));
-    ASSERT_EQ(takeReports().at(0).appName, "Unknown");
 }
 
 TEST(NdpiEngine, AFloodPushesOutTheOldestAndExitReportsTheRest) {
@@ -211,25 +155,6 @@ TEST(NdpiEngine, PacketsCutAnywhereDoNoHarm) {
         }
     engine.packet(Bytes(65535, 0x45), 1);
     engine.raw(nullptr, 0);
-}
-
-// Whole conversations, so that the damage also meets a classifier that is already deep in one.
-TEST(NdpiEngine, DamagedConversationsDoNoHarm) {
-    EngineHost engine("ndpi");
-    engine.start();
-    const std::vector<CapturedPacket> packets = readSample();
-    std::mt19937 random(7);
-    for (uint32_t round = 0; round < 40; round++) {
-        for (const CapturedPacket &packet : packets) {
-            Bytes bytes = packet.bytes;
-            if (random() % 2)
-                for (int n = 0; n < 3; n++) bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
-            if (random() % 8 == 0) bytes.resize(random() % bytes.size());
-            engine.packet(inFlow(bytes, round), packet.time);
-        }
-    }
-    engine.stop();
-    for (const Report &report : takeReports()) EXPECT_LT(report.appId, 1000U);
 }
 
 TEST(NdpiEngine, StartsAnewAfterItWasStopped) {

@@ -118,25 +118,6 @@ TEST(Packet, CutAnywhereItIsStillReadWithinItsBounds) {
         }
 }
 
-TEST(Packet, EmptyDescriptorsAreNoPackets) {
-    const uint8_t byte = 0x45;
-    Packet packet;
-    EXPECT_FALSE(parsePacket({nullptr, 0}, packet));
-    EXPECT_FALSE(parsePacket({nullptr, 100}, packet));
-    for (uint64_t length = 0; length <= 4; length++) EXPECT_FALSE(parsePacket({&byte, length}, packet));
-}
-
-TEST(Packet, BothDirectionsAreOneFlow) {
-    for (const Bytes &bytes : {ipv4(17, udp(1, 2)), ipv6(17, udp(2, 1)), ipv4(6, tcp(7, 7, 0))}) {
-        bool swapped = false, swappedBack = false;
-        const Parsed there = parse(bytes), back = parse(answer(bytes));
-        const Tuple key = canonical(there.packet.tuple, swapped),
-                    same = canonical(back.packet.tuple, swappedBack);
-        EXPECT_EQ(memcmp(&key, &same, sizeof(key)), 0);
-        EXPECT_NE(swapped, swappedBack);
-    }
-}
-
 // Against a list in order of age, after every random step.
 TEST(FlowTable, FindsAndAgesAsAListWould) {
     constexpr uint32_t kCapacity = 64;

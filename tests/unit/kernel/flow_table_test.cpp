@@ -5,7 +5,6 @@
 #include <map>
 #include <random>
 
-#include "harness.h"
 #include "ring_writer.h"
 
 using namespace dpimod;
@@ -63,27 +62,6 @@ TEST_F(KernelFlowTable, BothDirectionsCountForOneFlowFromItsFirstPacket) {
     EXPECT_EQ(flow->bytes, 1110U);
     EXPECT_EQ(flow->tuple, tuple(2, true));  // the order of the verdict, which reports must repeat
     EXPECT_EQ(table.size(), 1U);
-}
-
-TEST_F(KernelFlowTable, ALaterVerdictReplacesTheFirst) {
-    verdict(2, 0);
-    verdict(2, 1);
-    EXPECT_EQ(table.find(tuple(2))->match, 1);
-    EXPECT_EQ(table.find(tuple(2))->results, 2U);
-    EXPECT_EQ(table.classified(), 1U);
-}
-
-TEST_F(KernelFlowTable, IdleFlowsAgeLeastRecentlySeenFirst) {
-    packet(2);
-    now = 2000;
-    packet(3);
-    now = 3000;
-    packet(2);
-    EXPECT_EQ(ageAt(11999), Hosts{});
-    EXPECT_EQ(ageAt(12000), Hosts{3});
-    EXPECT_EQ(ageAt(12999), Hosts{});
-    EXPECT_EQ(ageAt(20000), Hosts{2});
-    EXPECT_EQ(table.size(), 0U);
 }
 
 TEST_F(KernelFlowTable, ClosedConnectionsAgeSoonWhateverComesLate) {
@@ -178,20 +156,4 @@ TEST_F(KernelRing, FillsFramesInOrderAndNeverOneThatTheReaderHas) {
     EXPECT_FALSE(ring.drained());
     for (uint32_t i = 0; i < 8; ++i) frame(i)->status = kFrameUnused;
     EXPECT_TRUE(ring.drained());
-}
-
-TEST_F(KernelRing, ASleepingReaderIsWokenOnce) {
-    EXPECT_FALSE(ring.readerSleeps());
-    control.sleeping = 1;
-    EXPECT_TRUE(ring.readerSleeps());
-    EXPECT_FALSE(ring.readerSleeps());
-}
-
-TEST(KernelRingRequest, IsCheckedAsTheKernelDoes) {
-    EXPECT_EQ(RingWriter::check({65536, 64, 4096, 1024}, 4096), 0);
-    const RingRequest bad[] = {{65536, 64, 4096, 1023},       {65536, 0, 4096, 0},    {1000, 64, 100, 640},
-                               {65536, 64, 16, 262144},       {65536, 64, 4098, 960}, {4096, 1, 8192, 0},
-                               {0x80000000, 4, 4096, 2097152}};
-    for (const RingRequest &request : bad)
-        EXPECT_NE(RingWriter::check(request, 4096), 0) << request.frameCount;
 }

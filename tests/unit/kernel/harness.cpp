@@ -11,8 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace harness {
@@ -25,13 +23,8 @@ constexpr int kPatience = 10000;  // ms
 }
 
 std::vector<std::string> dpimodCommand(const Scratch &scratch, const std::vector<std::string> &options) {
-    std::vector<std::string> command{DPIMOD_PATH,
-                                     "--socket",
-                                     scratch.path("dpimod"),
-                                     "--control",
-                                     scratch.path("control"),
-                                     "--json",
-                                     scratch.path("events")};
+    std::vector<std::string> command{DPIMOD_PATH, "--socket", scratch.path("dpimod"), "--control",
+                                     scratch.path("control")};
     command.insert(command.end(), options.begin(), options.end());
     return command;
 }
@@ -88,7 +81,8 @@ Process::Process(const std::vector<std::string> &command, const std::vector<std:
 }
 
 Process::~Process() {
-    kill();
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
     ::close(in_);
     ::close(out_);
 }
@@ -100,25 +94,6 @@ void Process::writeLine(const std::string &line) const {
 
 std::string Process::readLine() {
     return readLineFrom(out_, buffer_);
-}
-
-void Process::kill() {
-    if (pid_ < 0) return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
-
-int Process::wait() {
-    for (int i = 0; pid_ >= 0 && i < kPatience / 5; ++i) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        usleep(5000);
-    }
-    return -1;
 }
 
 Dpimod::Dpimod(const std::vector<std::string> &options) : process_(dpimodCommand(scratch_, options), {}) {
@@ -144,12 +119,6 @@ std::string Dpimod::ask(const std::string &command) {
 
 uint64_t Dpimod::stat(const std::string &name) {
     return field(ask("stats"), name);
-}
-
-std::string Dpimod::events() const {
-    std::ostringstream text;
-    text << std::ifstream(scratch_.path("events")).rdbuf();
-    return text.str();
 }
 
 Client::Client(const std::string &socketPath)

@@ -31,10 +31,6 @@ class Process {
     void writeLine(const std::string &line) const;
     // The next line of standard output, "" at its end or after ten seconds without one.
     std::string readLine();
-    void kill();  // SIGKILL, and waits
-    // Waits for the end, ten seconds at most; the exit status, -1 for anything else.
-    int wait();
-    [[nodiscard]] pid_t pid() const { return pid_; }
 
   private:
     pid_t pid_ = -1;
@@ -50,10 +46,7 @@ class Dpimod {
     std::string ask(const std::string &command);
     // A number of `stats`.
     uint64_t stat(const std::string &name);
-    // Everything in the JSON file so far.
-    [[nodiscard]] std::string events() const;
     [[nodiscard]] std::string socketPath() const { return scratch_.path("dpimod"); }
-    Process &process() { return process_; }
 
   private:
     Scratch scratch_;
@@ -72,7 +65,6 @@ class Client {
     // The two halves of ask, for what happens meanwhile.
     void begin(const std::string &command) const { process_.writeLine(command); }
     std::string end() { return process_.readLine(); }
-    Process &process() { return process_; }
 
   private:
     Process process_;

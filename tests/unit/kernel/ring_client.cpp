@@ -1,20 +1,14 @@
 // A small reader of netlink protocol 26, written against libmnl alone: what a daemon does with its two
 // sockets, under the preload library.  It reads commands from standard input and answers each with one line.
 //
-//   open ring|plain [PORTID]   both sockets, bound to PORTID and PORTID|0x10000 (default: the process id)
-//   mirror 0|1                 mirror settings
-//   read N [SLOW_US]           read until N packets came (time-out 5 s); a pause per packet
-//   idle MS                    wait in poll without expecting packets
-//   verdicts 0|1               send a result for each packet read from here on (with match 0 or 1)
-//   reports N                  read N datagrams from the control socket through epoll, edge-triggered
-//   error                      poll the packet socket, then its SO_ERROR
-//   control-error              wait for EPOLLERR on the control socket, then its SO_ERROR and a receive
-//   sendfail                   what sending gives
-//   close
+//   open ring|plain   both sockets, bound to the process id and that | 0x10000
+//   mirror 0|1        mirror settings
+//   read N            read until N packets came (time-out 5 s)
+//   idle MS           wait in poll without expecting packets
+//   error             poll the packet socket, then its SO_ERROR
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -44,8 +38,6 @@ struct Ring {
 
 mnl_socket *control = nullptr, *packets = nullptr;
 uint32_t portid = 0;
-int verdicts = -1;
-unsigned slowMicroseconds = 0;
 
 // Of one `read`.
 struct Tally {
@@ -70,8 +62,8 @@ nlmsghdr *newMessage(char *buffer, uint16_t type, uint8_t family) {
     return message;
 }
 
-std::string openSockets(bool withRing, uint32_t wanted) {
-    portid = wanted ? wanted : static_cast<uint32_t>(getpid());
+std::string openSockets(bool withRing) {
+    portid = static_cast<uint32_t>(getpid());
     control = mnl_socket_open(26);
     if (!control) return problem("open");
     if (mnl_socket_bind(control, 0, static_cast<pid_t>(portid)) != 0) return problem("bind");
@@ -106,27 +98,6 @@ std::string mirror(int state) {
     return sendMessage(message) ? "ok" : problem("send");
 }
 
-void sendVerdict(const uint8_t *ip) {
-    const bool v6 = ip[0] >> 4 == 6;
-    char buffer[4096];
-    nlmsghdr *message = newMessage(buffer, 22, v6 ? 10 : 2);
-    const uint8_t *ports = ip + (v6 ? 40 : 20);
-    mnl_attr_put_u8(message, 1, v6 ? 82 : 81);
-    mnl_attr_put(message, v6 ? 3 : 2, v6 ? 16 : 4, ip + (v6 ? 8 : 12));
-    mnl_attr_put(message, v6 ? 5 : 4, v6 ? 16 : 4, ip + (v6 ? 24 : 16));
-    mnl_attr_put_u8(message, 6, ip[v6 ? 6 : 9]);
-    mnl_attr_put(message, 7, 2, ports);
-    mnl_attr_put(message, 8, 2, ports + 2);
-    mnl_attr_put_u8(message, 9, static_cast<uint8_t>(verdicts));
-    if (verdicts == 1) {
-        mnl_attr_put_u32(message, 11, 7);
-        mnl_attr_put_str(message, 12, "Example");
-        mnl_attr_put_u8(message, 10, 1);
-        mnl_attr_put_str(message, 14, "Group");
-    }
-    if (!sendMessage(message)) ++tally.odd;
-}
-
 int onAttribute(const nlattr *attribute, void *) {
     const auto *bytes = static_cast<const uint8_t *>(mnl_attr_get_payload(attribute));
     const size_t size = mnl_attr_get_payload_len(attribute);
@@ -137,8 +108,6 @@ int onAttribute(const nlattr *attribute, void *) {
     ++tally.packets;
     tally.bytes += size;
     for (size_t i = 0; i < size; ++i) tally.sum = tally.sum * 31 + bytes[i];
-    if (verdicts >= 0) sendVerdict(bytes);
-    if (slowMicroseconds) usleep(slowMicroseconds);
     return MNL_CB_OK;
 }
 
@@ -206,27 +175,6 @@ std::string readPackets(uint64_t count, int64_t limit) {
     return text.str();
 }
 
-std::string readReports(unsigned count) {
-    const int fd = mnl_socket_get_fd(control), ep = epoll_create1(0);
-    epoll_event event{EPOLLIN | EPOLLET, {}};
-    epoll_ctl(ep, EPOLL_CTL_ADD, fd, &event);
-    unsigned datagrams = 0, wakeups = 0;
-    size_t longest = 0, total = 0;
-    while (datagrams < count && epoll_wait(ep, &event, 1, 5000) == 1) {
-        ++wakeups;
-        char buffer[8192];
-        for (ssize_t got; (got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0; ++datagrams) {
-            total += static_cast<size_t>(got);
-            longest = std::max(longest, static_cast<size_t>(got));
-        }
-    }
-    close(ep);
-    std::ostringstream text;
-    text << "datagrams=" << datagrams << " longest=" << longest << " total=" << total
-         << " woken=" << (wakeups > 0);
-    return text.str();
-}
-
 std::string socketError(int fd) {
     int error = 0;
     socklen_t length = sizeof error;
@@ -242,50 +190,20 @@ std::string packetError() {
            socketError(entry.fd);
 }
 
-std::string controlError() {
-    const int fd = mnl_socket_get_fd(control), ep = epoll_create1(0);
-    epoll_event event{EPOLLIN | EPOLLET, {}};
-    epoll_ctl(ep, EPOLL_CTL_ADD, fd, &event);
-    const int found = epoll_wait(ep, &event, 1, 2000);
-    close(ep);
-    char byte;
-    const ssize_t got = recv(fd, &byte, 1, MSG_DONTWAIT);
-    const int error = got < 0 ? errno : 0;
-    return std::string(found == 1 && (event.events & EPOLLERR) ? "EPOLLERR " : "quiet ") +
-           (error == ENOBUFS ? "ENOBUFS" : std::strerror(error)) + " then " + socketError(fd);
-}
-
 std::string run(const std::string &line) {
     std::istringstream words(line);
     std::string name, word;
     uint64_t number = 0;
     words >> name;
     if (name == "open") {
-        words >> word >> number;
-        return openSockets(word == "ring", static_cast<uint32_t>(number));
-    }
-    if (name == "close") {
-        if (packets) mnl_socket_close(packets);
-        if (control) mnl_socket_close(control);
-        packets = control = nullptr;
-        ring = {};
-        return "ok";
+        words >> word;
+        return openSockets(word == "ring");
     }
     if (name == "error") return packetError();
-    if (name == "control-error") return controlError();
     words >> number;
-    if (name == "read") {
-        slowMicroseconds = 0;
-        words >> slowMicroseconds;
-        return readPackets(number, 5000);
-    }
+    if (name == "read") return readPackets(number, 5000);
     if (name == "idle") return readPackets(UINT64_MAX, static_cast<int64_t>(number));
-    if (name == "verdicts") {
-        verdicts = static_cast<int>(number);
-        return "ok";
-    }
     if (name == "mirror") return mirror(static_cast<int>(number));
-    if (name == "reports") return readReports(static_cast<unsigned>(number));
     return "error unknown command";
 }
 

@@ -5,7 +5,6 @@
 
 #include <cstring>
 
-#include "faults.h"
 #include "packet.h"
 
 using namespace dpimod;
@@ -142,66 +141,4 @@ TEST(KernelWire, ReportsFillMessagesOfAtMost4096Bytes) {
             EXPECT_EQ(total, reports.size());
         }
     }
-}
-
-namespace {
-
-struct Seen {
-    int result;
-    unsigned packets;
-    bool operator==(const Seen &) const = default;
-};
-
-// What libmnl and a callback that takes attribute 1 alone make of a frame.
-Seen walk(const Bytes &bytes) {
-    unsigned packets = 0;
-    const auto onMessage = [](const nlmsghdr *message, void *data) {
-        const auto onAttribute = [](const nlattr *attribute, void *) {
-            return mnl_attr_get_type(attribute) == 1 ? 1 : 0;
-        };
-        const int result = mnl_attr_parse(message, 4, onAttribute, nullptr);
-        if (result == 1) ++*static_cast<unsigned *>(data);
-        return result;
-    };
-    const int result = mnl_cb_run(bytes.data(), bytes.size(), 0, 1234, onMessage, &packets);
-    return {result, packets};
-}
-
-}  // namespace
-
-TEST(KernelFaults, EachFaultyPacketBreaksTheRuleItIsNamedFor) {
-    const struct {
-        const char *kind;
-        Seen seen;
-    } rows[] = {{"truncated", {1, 1}},      {"oversized", {1, 1}},
-                {"unknown-attr", {0, 0}},   {"unknown-attr-first", {0, 0}},
-                {"duplicate-attr", {1, 1}}, {"no-attr", {1, 1}},
-                {"empty-packet", {1, 1}},   {"short-length", {1, 0}},
-                {"long-length", {1, 0}},    {"no-family", {1, 1}},
-                {"foreign-port", {-1, 0}},  {"dump-interrupted", {-1, 0}},
-                {"noop", {1, 0}},           {"done", {0, 0}},
-                {"overrun", {1, 0}},        {"error-ack", {0, 0}},
-                {"error", {-1, 0}}};
-    EXPECT_EQ(std::size(rows), packetFaultKinds().size());
-    const Bytes packet(64, 0x45);
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.kind);
-        const auto bytes = faultyPacket(row.kind, packet);
-        ASSERT_TRUE(bytes);
-        EXPECT_EQ(walk(*bytes), row.seen);
-    }
-    EXPECT_GT(faultyPacket("oversized", packet)->size(), kMaxDatagram);
-}
-
-TEST(KernelFaults, EveryFaultyReportDiffersFromAGoodOne) {
-    for (const bool v6 : {false, true}) {
-        const FlowReport report = sampleReport(v6);
-        const Bytes good = encodeReports({&report, 1}, kMaxDatagram, 1).front();
-        for (const std::string &kind : reportFaultKinds()) {
-            const auto bytes = faultyReport(kind, report);
-            ASSERT_TRUE(bytes) << kind;
-            EXPECT_NE(*bytes, good) << kind;
-        }
-    }
-    EXPECT_GT(faultyReport("oversized", sampleReport(false))->size(), kMaxDatagram);
 }
