@@ -20,21 +20,6 @@ class AppLists : public ModelTest {
 
 using Texts = std::vector<std::string>;
 
-TEST_F(AppLists, GroupComesIntoBeingWithItsFirstMember) {
-    EXPECT_EQ(amAddAppToGrp("G", "unknown"), 0);
-    EXPECT_EQ(groupMarks("G"), "none");
-    EXPECT_TRUE(log_.has(" Invalid appname unknown\n"));
-    makeGroup("G", {"appB", "appA"});
-    EXPECT_EQ(membersOf("G"), (Texts{"appA", "appB"}));
-    EXPECT_EQ(marks(0), "") << "membership alone puts nothing on a list";
-    EXPECT_EQ(amAddAppToGrp("G", "appA"), 0);
-    EXPECT_TRUE(log_.has(" App appA already part of group G\n"));
-    EXPECT_EQ(membersOf("G"), (Texts{"appA", "appB"}));
-    EXPECT_EQ(amAppPartOfGroup("G", "appA"), 1);
-    EXPECT_EQ(amAppPartOfGroup("G", "appC"), 0);
-    EXPECT_EQ(amAppPartOfGroup("H", "appA"), 0);
-}
-
 TEST_F(AppLists, MissingNamesAreRefusedWithTheirText) {
     EXPECT_EQ(amAddAppToGrp(nullptr, "appA"), 0);
     EXPECT_TRUE(log_.has(" GRP-NAME Null\n"));
@@ -73,16 +58,6 @@ TEST_F(AppLists, GroupNamesCountToTheirFortiethCharacter) {
     EXPECT_EQ(marks(0), "");
 }
 
-TEST_F(AppLists, MemberWhoseNameFillsItsFieldIsFoundInThePool) {
-    const std::string k32(32, 'n');
-    installKit({{k32.c_str(), 5}});
-    makeGroup("G", {(k32 + "tail").c_str()});
-    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
-    EXPECT_EQ(marks(5), "m:G");
-    ASSERT_EQ(amDeleteAppGrp("G"), 1);
-    EXPECT_EQ(marks(5), "");
-}
-
 TEST_F(AppLists, GroupNameStaysUntilTheApplicationLeftBothLists) {
     makeGroup("G", {"appA", "appB", "appC"});
     ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_ENFORCEMENT), 1);
@@ -100,37 +75,6 @@ TEST_F(AppLists, GroupNameStaysUntilTheApplicationLeftBothLists) {
     EXPECT_EQ(groupMarks("G"), "");
     EXPECT_TRUE(log_.has("[DEBUG]: amClearAppMonList:"));
     EXPECT_TRUE(log_.has(" Clean the App-Mon Enforcement List\n"));
-}
-
-TEST_F(AppLists, LastGroupThroughWhichAnApplicationWasListedNamesIt) {
-    makeGroup("G", {"appA"});
-    makeGroup("H", {"appA"});
-    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
-    ASSERT_EQ(amAddGrpToAppList("H", AM_LIST_ENFORCEMENT), 1);
-    EXPECT_EQ(marks(0), "me:H");
-    ASSERT_EQ(amAddAppToAppList("appA", nullptr, AM_LIST_MONITORING), 1);
-    EXPECT_EQ(marks(0), "me:H") << "without a group the name stays";
-    EXPECT_EQ(amClearAppMonList(), 1);
-    EXPECT_EQ(groupMarks("G"), "m") << "only the group that the entry names is taken off";
-}
-
-TEST_F(AppLists, DeletedGroupTakesItsMembersOffBothLists) {
-    makeGroup("G", {"appA", "appB", "appC"});
-    makeGroup("H", {"appB"});
-    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
-    ASSERT_EQ(amAddAppToAppList("appA", nullptr, AM_LIST_ENFORCEMENT), 1);
-    ASSERT_EQ(amAddAppToAppList("appD", nullptr, AM_LIST_ENFORCEMENT), 1);
-    ASSERT_EQ(amAddGrpToAppList("H", AM_LIST_ENFORCEMENT), 1);
-    ASSERT_EQ(amDeleteAppGrp("G"), 1);
-    EXPECT_EQ(groupMarks("G"), "none");
-    EXPECT_EQ(marks(0), "");
-    EXPECT_EQ(marks(1), "") << "marked through a group, whichever it was";
-    EXPECT_EQ(marks(3), "e") << "not a member";
-    EXPECT_EQ(groupMarks("H"), "e");
-
-    makeGroup("I", {"appD"});
-    ASSERT_EQ(amDeleteAppGrp("I"), 1);
-    EXPECT_EQ(marks(3), "e") << "a member that was listed on its own stays listed";
 }
 
 TEST_F(AppLists, GroupThatFailsHalfwayKeepsWhatWasDone) {
@@ -154,27 +98,6 @@ TEST_F(AppLists, UnknownListTypeIsLoggedAndCountsAsDone) {
     EXPECT_EQ(amAddGrpToAppList("G", 0), 1);
     EXPECT_TRUE(log_.has(" Invalid List Type\n"));
     EXPECT_EQ(groupMarks("G"), "");
-}
-
-TEST_F(AppLists, WithoutAnArrayListsAreEmptiedSilently) {
-    amCleanAppList();
-    log_.forget();
-    EXPECT_EQ(amClearAppMonList(), 1);
-    EXPECT_EQ(amClearAppEnfList(), 1);
-    EXPECT_EQ(log_.text(), "");
-    debugPrintMonAppList();
-    EXPECT_TRUE(log_.has("[INFO]: ---- Monitoring Application List ------\n"));
-}
-
-TEST_F(AppLists, CleaningGroupsLeavesTheListsAlone) {
-    makeGroup("G", {"appA", "appB"});
-    makeGroup("H", {"appC"});
-    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
-    amCleanAppGroup();
-    EXPECT_EQ(rbtCount(&amAppGrpTree), 0U);
-    EXPECT_EQ(marks(0), "m:G");
-    EXPECT_EQ(amClearAppMonList(), 1) << "although the group that the entry names is gone";
-    EXPECT_EQ(marks(0), "");
 }
 
 TEST_F(AppLists, DumpsShowGroupsAndListsAtInfo) {
@@ -233,6 +156,25 @@ TEST_F(AppLists, ReaderUnderTheLockNeverSeesHalfAnEntry) {
     reader.stop = true;
     pthread_join(thread, nullptr);
     EXPECT_EQ(reader.torn, 0U);
+}
+
+TEST_F(AppLists, DeletedGroupTakesItsMembersOffBothLists) {
+    makeGroup("G", {"appA", "appB", "appC"});
+    makeGroup("H", {"appB"});
+    ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_MONITORING), 1);
+    ASSERT_EQ(amAddAppToAppList("appA", nullptr, AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amAddAppToAppList("appD", nullptr, AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amAddGrpToAppList("H", AM_LIST_ENFORCEMENT), 1);
+    ASSERT_EQ(amDeleteAppGrp("G"), 1);
+    EXPECT_EQ(groupMarks("G"), "none");
+    EXPECT_EQ(marks(0), "");
+    EXPECT_EQ(marks(1), "") << "marked through a group, whichever it was";
+    EXPECT_EQ(marks(3), "e") << "not a member";
+    EXPECT_EQ(groupMarks("H"), "e");
+
+    makeGroup("I", {"appD"});
+    ASSERT_EQ(amDeleteAppGrp("I"), 1);
+    EXPECT_EQ(marks(3), "e") << "a member that was listed on its own stays listed";
 }
 
 }  // namespace

@@ -6,14 +6,6 @@ using AppPool = ModelTest;
 
 const std::string k32 = "abcdefghijklmnopqrstuvwxyz012345";
 
-TEST_F(AppPool, BeforeTheFirstKitNothingIsKnown) {
-    EXPECT_EQ(amIsAppNameValid("appA"), nullptr);
-    EXPECT_EQ(amIsAppNameValid(nullptr), nullptr);
-    EXPECT_EQ(amGetNextAppNode(nullptr), nullptr);
-    EXPECT_EQ(amActiveApp(0), nullptr);
-    for (const uint32_t listType : {1U, 2U}) EXPECT_EQ(namesOf(0, listType), (Names{"-", "-"}));
-}
-
 TEST_F(AppPool, NameOfFullWidthIsKeptWholeAndDecidesAlone) {
     installKit({{k32.c_str(), 3}, {"abc", 1}});
     const AmAppNode *app = getAppNode(k32.c_str());
@@ -52,14 +44,6 @@ TEST_F(AppPool, NewKitRevivesAddsAndDrops) {
     // Known to the pool, but with no entry to mark.
     EXPECT_EQ(amAddAppToAppList("moved", nullptr, AM_LIST_MONITORING), 0);
     EXPECT_EQ(namesOf(9, AM_LIST_MONITORING), (Names{"-", "-"}));
-}
-
-TEST_F(AppPool, NodesAreWalkedInNameOrder) {
-    installKit({{"c", 1}, {"a", 2}, {"B", 3}, {"b", 0}});
-    std::string order;
-    for (const AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app))
-        order += app->name;
-    EXPECT_EQ(order, "Babc");
 }
 
 TEST_F(AppPool, HighestIdAloneMakesTheLargestArray) {

@@ -142,23 +142,6 @@ class Rbt : public testing::Test {
     std::vector<Item *> model_;
 };
 
-TEST_F(Rbt, EmptyTreeHasNothing) {
-    checkOrder();
-    checkSearch(1);
-    const auto never = [](RbtTree *, RbtNode *, void *) {
-        ADD_FAILURE();
-        return 0;
-    };
-    rbtForEach(&tree_, never, nullptr);
-    rbtForEachwDepth(
-        &tree_,
-        [](RbtTree *, RbtNode *, void *, uint32_t) {
-            ADD_FAILURE();
-            return 0;
-        },
-        nullptr);
-}
-
 struct Mix {
     const char *name;
     int keys;              // few: many equal ones

@@ -30,16 +30,6 @@ class ConfigRead : public ConfigTest {
     }
 };
 
-TEST_F(ConfigRead, GroupsAndListsAreApplied) {
-    loadProfiles({std::string(kEnable) + "," + kGroup +
-                  ",'avAppMonAppList':{'appList':[{'appName':'dns'},{'appName':'mail'}],'appGroup':[]}"
-                  ",'avDpiAppList':{'appList':[{'appName':'dns'}],'appGroup':['G']}"});
-    EXPECT_EQ(marks(2), "me");
-    EXPECT_EQ(marks(3), "me:G");
-    EXPECT_EQ(groupMarks("G"), "e");
-    EXPECT_EQ(mirroring(), 1);
-}
-
 TEST_F(ConfigRead, KeysAreReadInAnyCase) {
     load(R"({"applicationvisbilityprofile":[{"AVAPPGROUP":{"G":[{"APPNAME":"mail"}]},
              "avdpiapplist":{"APPGROUP":["G"],"AppList":[{"appname":"dns"}]},"APPMONADMINSTATE":{"ADMINSTATE":"enable"}}]})");
@@ -75,25 +65,6 @@ TEST_F(ConfigRead, AdminStateDecidesOverTheLoad) {
         EXPECT_EQ(mirroring(), row.mirroring) << row.name;
         EXPECT_EQ(groupMarks("G") != "none", row.grouped) << row.name;
     }
-}
-
-TEST_F(ConfigRead, LoadWithoutAnEnabledStateSwitchesMirroringOff) {
-    amNetLinkMirrorState(1);
-    load(profiles({kGroup}));
-    EXPECT_EQ(mirroring(), 0);
-    amNetLinkMirrorState(1);
-    load(profiles({"'appMonAdminState':{'adminState':'disable'}"}));
-    EXPECT_EQ(mirroring(), 1) << "not touched";
-}
-
-// Marks of the array stay when the groups go.
-TEST_F(ConfigRead, LoadReplacesGroupsAndAddsToTheLists) {
-    amAddAppToGrp("old", "dns");
-    amAddAppToAppList("dns", nullptr, AM_LIST_MONITORING);
-    load(profiles({kGroup}));
-    EXPECT_EQ(groupMarks("old"), "none");
-    EXPECT_EQ(groupMarks("G"), "");
-    EXPECT_EQ(marks(2), "m");
 }
 
 TEST_F(ConfigRead, WrongTypesAndUnknownNamesCostTheirEntryOnly) {
@@ -268,6 +239,25 @@ TEST_F(ConfigRead, KitIsDownloadedWithTheAdministratorsCredentials) {
     EXPECT_EQ(fs::exists(kKitPath), false);
     loadProfiles({request("") + ",'appMonAdminState':{'adminState':'disable'}"});
     EXPECT_EQ(fileText(kKitPath), "hello") << "also of a profile that disables the rest";
+}
+
+// Marks of the array stay when the groups go.
+TEST_F(ConfigRead, LoadReplacesGroupsAndAddsToTheLists) {
+    amAddAppToGrp("old", "dns");
+    amAddAppToAppList("dns", nullptr, AM_LIST_MONITORING);
+    load(profiles({kGroup}));
+    EXPECT_EQ(groupMarks("old"), "none");
+    EXPECT_EQ(groupMarks("G"), "");
+    EXPECT_EQ(marks(2), "m");
+}
+
+TEST_F(ConfigRead, LoadWithoutAnEnabledStateSwitchesMirroringOff) {
+    amNetLinkMirrorState(1);
+    load(profiles({kGroup}));
+    EXPECT_EQ(mirroring(), 0);
+    amNetLinkMirrorState(1);
+    load(profiles({"'appMonAdminState':{'adminState':'disable'}"}));
+    EXPECT_EQ(mirroring(), 1) << "not touched";
 }
 
 }  // namespace

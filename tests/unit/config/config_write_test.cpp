@@ -54,21 +54,6 @@ TEST_F(ConfigWrite, FileHoldsGroupsListsAndStateInThisOrder) {
     EXPECT_EQ(disabled.find("reloadSignFile"), std::string::npos);
 }
 
-// The entry names its last group; what counts is whether that group is on the list in question.
-TEST_F(ConfigWrite, ApplicationCoveredByItsGroupIsNotListedOnItsOwn) {
-    amAddAppToGrp("G", "mail");
-    amAddGrpToAppList("G", AM_LIST_ENFORCEMENT);
-    amAddAppToAppList("mail", nullptr, AM_LIST_MONITORING);
-    const std::string text = written();
-    EXPECT_NE(
-        text.find("\"avAppMonAppList\":\t{\n\t\t\t\t\"appList\":\t[{\n\t\t\t\t\t\t\"appName\":\t\"mail\""),
-        std::string::npos)
-        << text;
-    EXPECT_NE(text.find("\"avDpiAppList\":\t{\n\t\t\t\t\"appList\":\t[],\n\t\t\t\t\"appGroup\":\t[\"G\"]"),
-              std::string::npos)
-        << text;
-}
-
 TEST_F(ConfigWrite, EverythingComesBackAsItWas) {
     std::mt19937 random(11);
     const char *const apps[] = {"calendar", "dns", "mail", "a-name-that-fills-its-field-full",
@@ -101,17 +86,6 @@ TEST_F(ConfigWrite, EverythingComesBackAsItWas) {
         ASSERT_EQ(mirroring(), 1);
         ASSERT_EQ(written(), before);
     }
-}
-
-TEST_F(ConfigWrite, FileIsReplacedForItsUserAloneAndNothingElseStays) {
-    umask(0);
-    std::ofstream("/var/config/dpi.conf.new") << "left behind by a daemon that was killed";
-    written();
-    EXPECT_EQ(filesInFolder(), Files{"dpi.conf"});
-    struct stat file {};
-    ASSERT_EQ(stat(kConfigPath, &file), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600U);
-    umask(022);
 }
 
 TEST_F(ConfigWrite, LinksAreFollowedToWhatTheyName) {

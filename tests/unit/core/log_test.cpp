@@ -76,22 +76,6 @@ TEST_F(Log, LevelsLetThroughWhatIsNotAboveThem) {
     }
 }
 
-TEST_F(Log, FilteredMessageDoesNotEvenLookAtItsArguments) {
-    amLogOpen(kLogPath, AM_LOG_ERROR);
-    int evaluated = 0;
-    amLog(AM_LOG_DEBUG, "%d\n", ++evaluated);
-    EXPECT_EQ(evaluated, 0);
-}
-
-TEST_F(Log, LevelNamesThatCanBeAskedFor) {
-    const struct {
-        const char *name;
-        int level;
-    } rows[] = {{"ERROR", 1},  {"WARNING", 2}, {"NOTICE", 3}, {"INFO", 4},   {"DEBUG", 5}, {"FLOW", 6},
-                {"PACKET", 7}, {"STATS", 8},   {"NONE", -1},  {"debug", -1}, {"", -1},     {"ERRORS", -1}};
-    for (const auto &row : rows) EXPECT_EQ(logLevelFromName(row.name), row.level) << row.name;
-}
-
 TEST_F(Log, FileIsRestartedAtTwoMebibytesExactly) {
     amLogOpen(kLogPath, 1);
     setSize(2'097'151);
@@ -107,21 +91,6 @@ TEST_F(Log, FileIsRestartedAtTwoMebibytesExactly) {
     struct stat file {};
     ASSERT_EQ(stat(kLogPath, &file), 0);
     EXPECT_EQ(file.st_mode & 0777U, 0600U);
-}
-
-TEST_F(Log, FileThatIsThereIsAppendedTo) {
-    std::ofstream(kLogPath) << "before\n";
-    amLogOpen(kLogPath, 1);
-    amLog(AM_LOG_ERROR, "after\n");
-    EXPECT_EQ(text().substr(0, 7), "before\n");
-    EXPECT_EQ(text().substr(7 + 19), " [ERROR]: after\n");
-}
-
-TEST_F(Log, MissingFileOfARunningLogIsNotMissed) {
-    amLogOpen(kLogPath, 1);
-    ASSERT_EQ(unlink(kLogPath), 0);
-    amLog(AM_LOG_ERROR, "into the deleted file\n");
-    EXPECT_EQ(size(), -1) << "only the limit reopens it";
 }
 
 TEST_F(Log, FailureToOpenIsToldAtOnceAlsoToAPipe) {
@@ -158,18 +127,6 @@ TEST_F(Log, StandardErrorTakesThePlaceOfAFileThatCannotBeOpened) {
     setSize(2'097'152);
     EXPECT_EQ(outputs([] { amLog(AM_LOG_ERROR, "back\n"); }).second, "");
     EXPECT_EQ(text().substr(19), " [ERROR]: back\n");
-}
-
-TEST_F(Log, EmptyPathMeansStandardErrorWithoutAWord) {
-    for (const char *path : {"", static_cast<const char *>(nullptr)}) {
-        const auto [out, error] = outputs([path] {
-            amLogOpen(path, 3);
-            amLog(AM_LOG_NOTICE, "notice\n");
-            amLog(AM_LOG_INFO, "info\n");
-        });
-        EXPECT_EQ(out, "");
-        EXPECT_EQ(error.substr(19), " [NOTICE]: notice\n");
-    }
 }
 
 TEST_F(Log, FormatIsCutButItsArgumentsAreNot) {

@@ -28,22 +28,4 @@ TEST(Text, FieldOfFullWidthHasNoTerminator) {
     }
 }
 
-TEST(Text, AddressesAreTakenInNetworkOrder) {
-    EXPECT_STREQ(am::addressText(htonl(0x0a000102)).text, "10.0.1.2");
-    EXPECT_STREQ(am::addressText(UINT32_MAX).text, "255.255.255.255");
-    in6_addr address{};
-    address.s6_addr[0] = 0x20;
-    address.s6_addr[1] = 0x01;
-    address.s6_addr[15] = 0x0a;
-    EXPECT_STREQ(am::addressText(address).text, "2001::a");
-    memset(&address, 0xff, sizeof address);
-    EXPECT_STREQ(am::addressText(address).text, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
-}
-
-TEST(Text, ProtocolsWithoutANameAreADash) {
-    EXPECT_STREQ(getProtoStr(6), "TCP");
-    EXPECT_STREQ(getProtoStr(17), "UDP");
-    for (const unsigned proto : {0U, 1U, 58U, 132U, 255U, 262U}) EXPECT_STREQ(getProtoStr(proto), " - ");
-}
-
 }  // namespace

@@ -82,20 +82,6 @@ class KitEngine : public KitTest {
     }
 };
 
-TEST_F(KitEngine, MissingLibraryChangesNothing) {
-    ASSERT_EQ(0, load("whole"));
-    const PcapPacketFn entry = [] {
-        const AmGuard guard(amEngineGate);
-        return process_pktptr;
-    }();
-    EXPECT_EQ(-1, amLoadQsKit());
-    expectLog("[ERROR]: capture file not found\n");
-    EXPECT_EQ(3, fail);
-    const AmGuard guard(amEngineGate);
-    EXPECT_EQ(entry, process_pktptr);
-    EXPECT_NE(nullptr, entry);
-}
-
 struct EngineCase {
     const char *library;
     int fail, started, packets, stopped;

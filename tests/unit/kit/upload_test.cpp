@@ -152,15 +152,6 @@ TEST_F(KitUploadSlots, UploadThatDoesNotNoticeKeepsItsSlotAndStillEnds) {
     EXPECT_TRUE(isZero(state(kSlotMon)));
 }
 
-TEST_F(KitUploadSlots, LinesAppendedMeanwhileAreNotSent) {
-    writeFile("/flash/mon.csv", std::string(kFileSize, 'm'));
-    SlowServer server(kSlotMon);
-    ASSERT_EQ(0, start(kSlotMon));
-    server.waitForData();
-    shell("echo appended >>/flash/mon.csv");
-    EXPECT_EQ(kFileSize, server.drain());
-}
-
 // A request clears the block of a rotated file that is gone, whether or not its upload still runs.
 TEST_F(KitUploadSlots, ClearedArgumentsDoNotDisturbARunningUpload) {
     writeFile("/flash/mon_old.csv", std::string(kFileSize, 'm'));
@@ -179,10 +170,6 @@ TEST_F(KitUploadSlots, ThreadThatCannotBeHadLeavesACleanSlot) {
     EXPECT_TRUE(isZero(state(kSlotEnf)));
     world.threadsUnavailable = false;
     EXPECT_EQ(0, start(kSlotEnf));
-}
-
-TEST_F(KitUploadSlots, ThreadWithoutASlotIsNeverAskedToStop) {
-    EXPECT_FALSE(uploadAskedToStop());
 }
 
 TEST_F(KitUploadSlots, StartsAndStopsInAnyOrder) {

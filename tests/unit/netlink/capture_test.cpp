@@ -42,21 +42,6 @@ class PacketCallback : public testing::Test {
     }
 };
 
-TEST_F(PacketCallback, HandsThePacketOnWithTheAttributesLength) {
-    EXPECT_EQ(run(packetMessage({{DPI_PKT_A_DATA, {0x45, 1, 2}}})), MNL_CB_OK);
-    ASSERT_EQ(handed.size(), 1U);
-    EXPECT_EQ(handed[0].data, (Bytes{0x45, 1, 2}));
-    EXPECT_EQ(handed[0].len, 7U);
-    EXPECT_EQ(amPacketCounter, 1U);
-}
-
-TEST_F(PacketCallback, ForeignAttributeDropsThePacket) {
-    EXPECT_EQ(run(packetMessage({{2, {9}}, {DPI_PKT_A_DATA, {0x45}}})), MNL_CB_STOP);
-    EXPECT_EQ(run(packetMessage({{DPI_PKT_A_DATA, {0x45}}, {2, {9}}})), MNL_CB_STOP);
-    EXPECT_TRUE(handed.empty());
-    EXPECT_EQ(amPacketCounter, 0U);
-}
-
 TEST_F(PacketCallback, MessageWithoutAttributesIsAnEmptyPacket) {
     print_debug = 1;  // has no first byte to show
     EXPECT_EQ(run(packetMessage({})), MNL_CB_OK);
@@ -64,15 +49,6 @@ TEST_F(PacketCallback, MessageWithoutAttributesIsAnEmptyPacket) {
     ASSERT_EQ(handed.size(), 1U);
     EXPECT_TRUE(handed[0].data.empty());
     EXPECT_EQ(handed[0].len, 0U);
-    EXPECT_EQ(amPacketCounter, 1U);
-}
-
-TEST_F(PacketCallback, WithoutAnEnginePacketsAreCounted) {
-    {
-        const AmGuard gate(amEngineGate);
-        process_pktptr = nullptr;
-    }
-    EXPECT_EQ(run(packetMessage({{DPI_PKT_A_DATA, {0x45}}})), MNL_CB_OK);
     EXPECT_EQ(amPacketCounter, 1U);
 }
 

@@ -58,19 +58,6 @@ class EnfFlowDb : public NetlinkTest {
     }
 };
 
-TEST_F(EnfFlowDb, LiveFlowKeepsItsFirstApplication) {
-    classify("10.0.0.1", 1, "10.0.0.2", 80, 3);
-    AmEnfFlow4 *flow = find(key("10.0.0.1", 1, "10.0.0.2", 80));
-    ASSERT_TRUE(flow);
-    EXPECT_GE(flow->startTime, time(nullptr) - 2);
-    flow->startTime = 100;
-    classify("10.0.0.1", 1, "10.0.0.2", 80, 4);
-    EXPECT_EQ(flow->appId, 3);
-    EXPECT_EQ(flow->startTime, 100);
-    EXPECT_EQ(count(), 1U);
-    EXPECT_EQ(amFlowCounter, 1U);
-}
-
 TEST_F(EnfFlowDb, AgedFlowIsRenewedOrSwept) {
     classify("10.0.0.1", 1, "10.0.0.2", 80, 3);
     classify("10.0.0.1", 2, "10.0.0.2", 80, 3);
@@ -273,26 +260,6 @@ TEST_F(EnfFlowDb, WalksAndClassificationsMix) {
     for (std::thread &engine : engines) engine.join();
     amCleanAllEnfFlowDb();
     EXPECT_EQ(count(), 0U);
-}
-
-TEST_F(EnfFlowDb, TimerIsArmedOnceAndRearmsItself) {
-    uloop_init();
-    amStartEnfFlowDbTimer();
-    EXPECT_TRUE(amEnfFlowDbTimer.pending);
-    EXPECT_NEAR(static_cast<double>(uloop_timeout_remaining64(&amEnfFlowDbTimer)), 300'000, 1000);
-    amStartEnfFlowDbTimer();  // armed: starts anew
-    EXPECT_TRUE(amEnfFlowDbTimer.pending);
-    EXPECT_EQ(amRemoveEnfFlowDbTimer(&amEnfFlowDbTimer), 0);
-    EXPECT_FALSE(amEnfFlowDbTimer.pending);
-    EXPECT_EQ(amEnfFlowDbTimerActive, 0);
-
-    amEnfFlowDbTimerActive = 1;  // it has just fired
-    EXPECT_EQ(amRemoveEnfFlowDbTimer(&amEnfFlowDbTimer), -1);
-    EXPECT_EQ(amEnfFlowDbTimerActive, 1);
-    amEnfFlowDbTimer.cb(&amEnfFlowDbTimer);
-    EXPECT_TRUE(amEnfFlowDbTimer.pending);
-    (void)amRemoveEnfFlowDbTimer(&amEnfFlowDbTimer);
-    uloop_done();
 }
 
 }  // namespace

@@ -43,26 +43,6 @@ Bytes ipv6(uint8_t protocol) {
     return packet + Bytes{0x04, 0xd2, 0, 80};
 }
 
-TEST(PacketDump, OneLinePerProtocol) {
-    struct {
-        Bytes packet;
-        const char *version;
-        const char *line;
-    } const rows[] = {
-        {ipv4(6, 5), "40 45", "iphdr.saddr 10.0.0.1, .daddr 10.0.0.2, TCP.source 1234, dest 80"},
-        {ipv4(17, 8), "40 48", "iphdr.saddr 10.0.0.1, .daddr 10.0.0.2, UDP.source 1234, dest 80"},
-        {ipv4(1, 5), "40 45", "iphdr.saddr 10.0.0.1, .daddr 10.0.0.2, unknow protocol 1"},
-        {ipv6(6), "60 60", "iphdr.saddr fe80::1, .daddr fe80::2, TCP.source 1234, dest 80, pay_len: 48"},
-        {ipv6(17), "60 60", "iphdr.saddr fe80::1, .daddr fe80::2, UDP.source 1234, dest 80, pay_len: 48"},
-        {ipv6(58), "60 60", "iphdr.saddr fe80::1, .daddr fe80::2, unknow protocol 58"},
-        {{0x00}, "0 0", "Wrong ip version"},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(debugLines(row.packet),
-                  (std::vector<std::string>{std::string("[PACKET]: Ip version ") + row.version,
-                                            std::string("[PACKET]: ") + row.line}));
-}
-
 TEST(PacketDump, ShortPacketsGetNoLine) {
     for (const Bytes &whole : {ipv4(6, 5), ipv4(17, 15), ipv4(99, 5), ipv6(6), ipv6(17), ipv6(99)}) {
         // Addresses and protocol are all that the line for an unknown one shows.

@@ -15,14 +15,6 @@ class ProtocolTest : public testing::Test {
     void SetUp() override { (void)takeSent(); }
 };
 
-TEST_F(ProtocolTest, RegistrationNamesThePacketSocket) {
-    EXPECT_EQ(amSendPktPortId(socket_.near, 1234 | 0x10000), 28);
-    const Bytes expected = {28, 0, 0, 0, 21, 0, 1, 0,                  // length, type, flags
-                            0,  0, 0, 0, 0,  0, 0, 0,                  // sequence, port id
-                            2,  0, 0, 0, 8,  0, 1, 0, 0xd2, 4, 1, 0};  // family header, attribute 1
-    EXPECT_EQ(takeSent(), std::vector<Bytes>{expected});
-}
-
 TEST_F(ProtocolTest, MirrorSettingsDifferInTheStateOnly) {
     struct {
         int state;
@@ -39,14 +31,6 @@ TEST_F(ProtocolTest, MirrorSettingsDifferInTheStateOnly) {
                                 5,  0, 4, 0, 1,        0, 0, 0};
         EXPECT_EQ(takeSent(), std::vector<Bytes>{expected}) << row.state;
     }
-}
-
-TEST_F(ProtocolTest, FailedSendIsReported) {
-    failSends(ECONNREFUSED);
-    EXPECT_LT(amSendMirrorConfig(socket_.near, 1), 0);
-    EXPECT_LT(amSendPktPortId(socket_.near, 1), 0);
-    failSends(0);
-    EXPECT_LT(amSendMirrorConfig(nullptr, 1), 0);
 }
 
 }  // namespace

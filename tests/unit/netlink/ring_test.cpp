@@ -134,33 +134,6 @@ TEST_F(Ring, FirstFrameFollowsTheLast) {
     EXPECT_EQ(amPacketCounter, kFrames + 1);
 }
 
-TEST_F(Ring, MissingRingHasNoFrame) {
-    mnl_ring none{};
-    EXPECT_FALSE(mnl_socket_get_frame(nullptr));
-    EXPECT_FALSE(mnl_socket_get_frame(&none));
-    mnl_socket_advance_ring(nullptr);
-}
-
-TEST_F(Ring, GeometryIsCheckedInSilence) {
-    const auto page = static_cast<uint32_t>(getpagesize());
-    testing::internal::CaptureStderr();
-    mnl_ring odd{nullptr, 0, {page + 1, 1, 1, 0}};
-    EXPECT_EQ(mnl_socket_set_ring(socket_.near, &odd), -1);
-    odd.req = {page, 1, page - 1, 0};
-    EXPECT_EQ(mnl_socket_set_ring(socket_.near, &odd), -1);
-    odd.req = {page, 1, 0, 0};
-    EXPECT_EQ(mnl_socket_set_ring(socket_.near, &odd), -1);
-    EXPECT_EQ(mnl_socket_set_ring(nullptr, &odd), -1);
-    EXPECT_EQ(mnl_socket_set_ring(socket_.near, nullptr), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    mnl_ring right{nullptr, 0, {65536, 64, 4096, 0}};
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(mnl_socket_set_ring(socket_.near, &right), -1);  // no socket that offers a ring
-    EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with("mnl_socket_set_ring: NETLINK_RX_RING: "));
-    EXPECT_EQ(right.req.nm_frame_nr, kFrames);
-}
-
 using RingDeathTest = Ring;
 
 TEST_F(RingDeathTest, NetlinkErrorsEndTheProcess) {

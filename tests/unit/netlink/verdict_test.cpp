@@ -131,20 +131,6 @@ TEST_F(VerdictTest, IgnoredReportsLeaveNoTrace) {
     EXPECT_EQ(app(3).monFlowCount, 0U);
 }
 
-TEST_F(VerdictTest, MonitoredFlowsAreQueuedAndCounted) {
-    monitor(1, "dns");
-    monitor(2, "http");
-    enforce(2, "http");
-    const auto before = monitored();
-    for (const capture_flow_info &info : {v4(1), v4(2), v6(2), v4(5)}) am_capture_flow_func(&info);
-    EXPECT_EQ(monitored(), std::pair(before.first + 2, before.second + 1));
-    EXPECT_EQ(app(1).monFlowCount, 1U);
-    EXPECT_EQ(app(2).monFlowCount, 2U);
-    EXPECT_EQ(app(5).monFlowCount, 0U);
-    EXPECT_EQ(records(), 2U);
-    EXPECT_EQ(takeSent().size(), 4U);
-}
-
 TEST_F(VerdictTest, FailedSendStillRecordsAndMonitors) {
     enforce(3, "netflix");
     monitor(3, "netflix");
@@ -157,43 +143,6 @@ TEST_F(VerdictTest, FailedSendStillRecordsAndMonitors) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line);
     EXPECT_EQ(records(), 2U);
     EXPECT_EQ(app(3).monFlowCount, 2U);
-}
-
-TEST_F(VerdictTest, FlowLinesShowNamesOfFullWidth) {
-    enforce(5, "abcdefghijklmnopqrstuvwxyz012345", "0123456789012345678901234567890123456789");
-    flow_debug = 1;
-    const TestLog log(AM_LOG_FLOW);
-    const capture_flow_info low = v4(5);
-    const capture_flow_info high = flow4("10.0.0.2", 443, "10.0.0.1", 0x1234, 5);
-    const capture_flow_info six = v6(5);
-    (void)amSendResultMessage(&low, 1);
-    (void)amSendResultMessage(&high, 1);
-    EXPECT_EQ(
-        log.lines(),
-        (std::vector<std::string>{
-            "[FLOW]: fst_ip: 10.0.0.1, secnd_ip: 10.0.0.2, fstPort: 4660, scndPort: 443, l4 proto: 6 App-Id "
-            "5 App-Name abcdefghijklmnopqrstuvwxyz012345 Same srcIp 100000a dstIp 200000a",
-            "[FLOW]: fst_ip: 10.0.0.1, secnd_ip: 10.0.0.2, fstPort: 4660, scndPort: 443, l4 proto: 6 App-Id "
-            "5 App-Name abcdefghijklmnopqrstuvwxyz012345 Diff srcIp 200000a dstIp 100000a"}));
-
-    logLevel = AM_LOG_ERROR;
-    (void)amSendResultMessage6(&six, 1);
-    EXPECT_EQ(log.lines().size(), 2U);
-    logLevel = AM_LOG_FLOW;
-    (void)amSendResultMessage6(&six, 1);
-    const std::vector<std::string> lines = log.lines();
-    ASSERT_EQ(lines.size(), 8U);
-    EXPECT_EQ(lines[3], "[DEBUG]: amSendResultMessage6 DPI_RS_A_FIRST_IPV6 ");
-    EXPECT_EQ(lines[5], "[DEBUG]: Enforcement: appid: 5, name: abcdefghijklmnopqrstuvwxyz012345 match: 1 ");
-    EXPECT_EQ(
-        lines[6],
-        "[FLOW]: amSendResultMessage6: 2001:db8::1, secnd_ip: 2001:db8::2, fstPort: 4660, scndPort: 443, l4 "
-        "proto: 6 App-Id 5 App-Name abcdefghijklmnopqrstuvwxyz012345");
-    EXPECT_EQ(
-        lines[7],
-        "[FLOW]: amUpdateEnfFlowDb6 fst_ip: 2001:db8::1, secnd_ip: 2001:db8::2, fstPort: 4660, scndPort: "
-        "443, l4 proto: 6 App-Id 5 App-Name abcdefghijklmnopqrstuvwxyz012345 Same srcIp 1000000 dstIp "
-        "2000000");
 }
 
 // An engine may report from threads of its own while the lists change and mirroring is switched off.

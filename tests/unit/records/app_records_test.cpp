@@ -56,20 +56,6 @@ TEST_F(AppRecords, HourlyLinesTakeTheCountsOfMonitoredApplications) {
     EXPECT_EQ(linesInAppRecordFile, 4U);
 }
 
-TEST_F(AppRecords, WithoutAKitThereIsOnlyTheHeader) {
-    amCleanAppData();
-    appMonWriteAppRecordsToFile();
-    EXPECT_EQ(fileLines(kAppRecords), Lines{kAppHeader});
-}
-
-TEST_F(AppRecords, EveryApplicationOfALargeKitIsWrittenOnce) {
-    installApps(3000);
-    appMonWriteAppRecordsToFile();
-    EXPECT_EQ(countsLeft(), 0U);
-    EXPECT_EQ(fileLines(kAppRecordsOld).size(), 3000U) << "no line for the application without flows";
-    EXPECT_EQ(fileLines(kAppRecordsOld).back(), "app2999,-,2024-03-05 11:00:00,0,0,0,2999");
-}
-
 TEST_F(AppRecords, FileIsRotatedAfterADay) {
     for (int hour = 0; hour < 23; hour++) appMonWriteAppRecordsToFile();
     EXPECT_FALSE(std::filesystem::exists(kAppRecordsOld));
@@ -79,16 +65,6 @@ TEST_F(AppRecords, FileIsRotatedAfterADay) {
     EXPECT_EQ(fileText(kAppRecords), "");
     EXPECT_EQ(appMon24HrRecord, 0U);
     EXPECT_TRUE(log_.has("App-mon Create app-record old file logging threshold 1 hourly record 24\n"));
-}
-
-TEST_F(AppRecords, FileIsRotatedAboveTheThreshold) {
-    putFile(kAppRecords, filler(kAppHeader, 999));
-    amActData[0].monFlowCount = 1;
-    appMonWriteAppRecordsToFile();
-    EXPECT_FALSE(std::filesystem::exists(kAppRecordsOld)) << "1000 lines";
-    amActData[0].monFlowCount = 1;
-    appMonWriteAppRecordsToFile();
-    EXPECT_EQ(fileLines(kAppRecordsOld).size(), 1001U);
 }
 
 // A count is either in a whole line of the file or still with its application, wherever the disk is full.

@@ -23,23 +23,6 @@ class MonRecords : public RecordsTest {
     }
 };
 
-TEST_F(MonRecords, LinesShowTheFlowAndWhenItWasQueued) {
-    store(1, 0, AM_IP_TYPE_IPV4);
-    testNow += 61;
-    store(2, 1, AM_IP_TYPE_IPV6);
-    store(3, 2, AM_IP_TYPE_IPV4);
-    testNow += 300;
-    drain();
-    EXPECT_EQ(fileLines(kMonRecords),
-              (Lines{kMonHeader, "IPv4,10.0.0.1,192.168.0.1,40001,443,TCP,dns,-,2024-03-05 11:04:09",
-                     "IPv4,10.0.0.3,192.168.0.1,40003,443,TCP,-,-,2024-03-05 11:05:10",
-                     "IPv6,2001:db8::2,2001:db8:0:1::53,40002,443,TCP,mail,office,2024-03-05 11:05:10"}));
-    EXPECT_EQ(logCount("[NONE]: flowRec IPv6,2001:db8::2,2001:db8:0:1::53,40002,443,TCP,mail,office,"
-                       "2024-03-05 11:05:10\n\n"),
-              1U);
-    EXPECT_EQ(logCount("flowRec IPv4"), 0U);
-}
-
 TEST_F(MonRecords, EngineValuesAreCutToTheirWidth) {
     capture_flow_info info = flow(1, 0);
     info.src_port = 0x12340050;
@@ -66,27 +49,6 @@ TEST_F(MonRecords, FullQueueCountsWhatItMisses) {
     drain();
     EXPECT_EQ(fileLines(kMonRecords).size(), 1U + 200 + 200 + 1);
     EXPECT_EQ(misses(), (Misses{50, 1})) << "never reset";
-}
-
-TEST_F(MonRecords, NamesAreThoseAtTheTimeOfTheWrite) {
-    store(1, 1, AM_IP_TYPE_IPV4);
-    amClearAppMonList();
-    drain();
-    EXPECT_EQ(fileLines(kMonRecords).at(1),
-              "IPv4,10.0.0.1,192.168.0.1,40001,443,TCP,-,-,2024-03-05 11:04:09");
-}
-
-TEST_F(MonRecords, FileIsRotatedAboveItsThreshold) {
-    putFile(kMonRecords, filler(kMonHeader, 999));
-    store(1, 0, AM_IP_TYPE_IPV4);
-    drain();
-    EXPECT_FALSE(std::filesystem::exists(kMonRecordsOld)) << "1000 lines";
-    store(2, 0, AM_IP_TYPE_IPV4);
-    drain();
-    EXPECT_EQ(fileLines(kMonRecordsOld).size(), 1001U);
-    EXPECT_EQ(fileText(kMonRecords), "");
-    drain();
-    EXPECT_EQ(fileLines(kMonRecords), Lines{kMonHeader});
 }
 
 // Each flow comes out once or counts as missed once, wherever the drains fall.

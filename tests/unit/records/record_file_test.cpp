@@ -67,24 +67,6 @@ class RecordFiles : public RecordsTest, public testing::WithParamInterface<Recor
 INSTANTIATE_TEST_SUITE_P(, RecordFiles, testing::ValuesIn(kFiles),
                          [](const auto &row) { return std::string(row.param.name); });
 
-TEST_P(RecordFiles, NothingToWriteStillGivesTheHeader) {
-    write();
-    EXPECT_EQ(fileText(GetParam().path), std::string(GetParam().header) + "\n");
-    EXPECT_EQ(counted(), 1U);
-    write();
-    EXPECT_EQ(lines().size(), 1U) << "once";
-}
-
-TEST_P(RecordFiles, FileFoundAtTheStartIsCountedAndContinued) {
-    putFile(GetParam().path, filler(GetParam().header, 500));
-    queue(3);
-    write();
-    EXPECT_EQ(counted(), 503U);
-    EXPECT_EQ(lines().size(), 503U);
-    const std::string text = fileText(GetParam().path);
-    EXPECT_EQ(text.find(GetParam().header), text.rfind(GetParam().header)) << "no second header";
-}
-
 TEST_P(RecordFiles, LongLinesCountInPieces) {
     const struct {
         size_t length;  // of the line, its newline included
@@ -105,17 +87,6 @@ TEST_P(RecordFiles, FileGrownBehindTheDaemonIsNotCountedAgain) {
     write();
     EXPECT_EQ(counted(), 2U);
     EXPECT_FALSE(std::filesystem::exists(GetParam().oldPath));
-}
-
-TEST_P(RecordFiles, FileRemovedBehindTheDaemonGetsItsHeaderAgain) {
-    queue(3);
-    write();
-    std::filesystem::remove(GetParam().path);
-    queue(1);
-    write();
-    ASSERT_EQ(lines().size(), 2U);
-    EXPECT_EQ(lines()[0], GetParam().header);
-    EXPECT_EQ(counted(), 2U);
 }
 
 TEST_P(RecordFiles, HalfALineIsNotGluedToTheNextOne) {
@@ -214,6 +185,21 @@ TEST_P(RecordFiles, FullDiskLeavesNoHalfHeader) {
         write();
         ASSERT_EQ(lines().at(0), GetParam().header) << room;
     }
+}
+
+TEST_P(RecordFiles, FileIsRotatedAboveItsThreshold) {
+    putFile(GetParam().path, filler(GetParam().header, GetParam().most - 1));
+    putFile(GetParam().oldPath, "the generation before\n");
+    queue(1);
+    write();
+    EXPECT_EQ(lines().size(), GetParam().most) << "the threshold itself is not above it";
+    queue(1);
+    write();
+    EXPECT_EQ(fileLines(GetParam().oldPath).size(), GetParam().most + 1);
+    EXPECT_EQ(fileText(GetParam().path), "");
+    EXPECT_EQ(counted(), 0U);
+    write();
+    EXPECT_EQ(lines(), Lines{GetParam().header});
 }
 
 TEST_P(RecordFiles, FileThatCannotBeMovedIsKeptAndTriedAgain) {

@@ -96,23 +96,6 @@ TEST_F(StatsReport, MatchedReportIsQueuedWithItsFlowsApplicationAndStart) {
     EXPECT_EQ(std::string(amnFt6Queue[0].access_profile), "");
 }
 
-TEST_F(StatsReport, AnyTypeButIpv6IsIpv4) {
-    for (const char type : {'\0', '\x01', 'Q', '\xff'})
-        EXPECT_EQ(report(with(reportOf(flow4_), DPI_STA_R_A_IP_TYPE, std::string(1, type))), 1);
-    EXPECT_EQ(ft4CommonIndex, 4);
-    EXPECT_EQ(ft6CommonIndex, 0);
-}
-
-TEST_F(StatsReport, UnknownFlowTakesNoEntry) {
-    EXPECT_EQ(report(reportOf(flow(99, 0))), 1);
-    EXPECT_TRUE(log_.has(" Stats received for non exisiting flow in Flow DB\n"));
-    EXPECT_TRUE(log_.has("stats_report_cb4:"));
-    EXPECT_EQ(report(reportOf(flow(99, 0, AM_IP_TYPE_IPV6))), 1);
-    EXPECT_TRUE(log_.has("stats_report_cb6:"));
-    EXPECT_EQ(ft4CommonIndex + ft6CommonIndex, 0);
-    EXPECT_EQ(amnFt4Queue[0].fst_ip, 0U);
-}
-
 // A report without one of its attributes is passed over and the next one of the message handled; without its
 // type it ends the message.
 TEST_F(StatsReport, MissingAttributeCostsItsReportOnly) {
@@ -237,26 +220,6 @@ TEST_F(StatsReport, FullQueueThatCannotBeFlushedDropsAndCounts) {
     EXPECT_EQ(ft4CommonIndex, 2);
     EXPECT_EQ(fileLines(kEnfRecords).size(), 1U + kReportQueueSize);
     EXPECT_EQ(logCount(" 2 reports dropped while records could not be written\n"), 1U);
-}
-
-TEST_F(StatsReport, DebuggingShowsReportsMatchedOrNot) {
-    stats_debug = 1;
-    Attrs attrs = with(reportOf(flow(99, 0), 1, 2, 3), DPI_STA_R_A_ACCESS_PROFILE, "staff");
-    attrs = with(attrs, DPI_STA_R_A_QOS_POLICY_RULE, "gold");
-    report(attrs);
-    EXPECT_TRUE(
-        log_.has("[STATS]: fst_ip 10.0.0.99, secnd_ip 192.168.0.1, fstPort 40099, scndPort 443, proto 6, "
-                 "aged 1, byteCnt 2, pktCnt 3\n"));
-    EXPECT_TRUE(log_.has("[STATS]: access_profile: staff\n"));
-    EXPECT_FALSE(log_.has("qos_policy_rule")) << "only the IPv6 lines show it";
-
-    report(with(reportOf(flow6_), DPI_STA_R_A_QOS_POLICY_RULE, "gold"));
-    EXPECT_TRUE(log_.has("[STATS]: ipv6: fst_ip 2001:db8::1, secnd_ip 2001:db8:0:1::53, fstPort 40001"));
-    EXPECT_FALSE(log_.has("qos_policy_rule")) << "only with an access profile";
-    stats_debug = 0;
-    log_.forget();
-    report(attrs);
-    EXPECT_FALSE(log_.has("[STATS]"));
 }
 
 }  // namespace

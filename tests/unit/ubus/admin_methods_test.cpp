@@ -40,28 +40,6 @@ TEST_F(AdminMethods, OfAnArgumentGivenTwiceTheFirstTextCounts) {
     EXPECT_EQ(call(SETappMonAdminState, message.get()), "mirror 0, reply ok");
 }
 
-TEST_F(AdminMethods, ActivatingWritesTheConfigurationAfterTheReply) {
-    for (const char *json : {R"({"reloadSignFile":"yes"})", "{}", static_cast<const char *>(nullptr)})
-        EXPECT_EQ(call(SETappMonActivateAppList, json), "reply ok, write config");
-}
-
-TEST_F(AdminMethods, OnlyYesClearsAndNothingIsWritten) {
-    const auto configure = [] {
-        ASSERT_EQ(amAddAppToGrp("G", "appA"), 1);
-        ASSERT_EQ(amAddGrpToAppList("G", AM_LIST_ENFORCEMENT), 1);
-        ASSERT_EQ(amAddAppToAppList("appB", nullptr, AM_LIST_MONITORING), 1);
-    };
-    configure();
-    for (const char *json :
-         {R"({"clearConfig":"no"})", R"({"clearConfig":"YES"})", R"({"clearConfig":1})", "{}"}) {
-        EXPECT_EQ(call(SETappMonClearConfig, json), "reply ok");
-        EXPECT_EQ(marks(0), "e:G") << json;
-        EXPECT_EQ(marks(1), "m") << json;
-    }
-    EXPECT_EQ(call(SETappMonClearConfig, R"({"clearConfig":"yes"})"), "reply ok");
-    EXPECT_EQ(marks(0) + marks(1) + groupMarks("G"), "none");
-}
-
 struct Settings {
     int print, stats, flow, level;
     bool operator==(const Settings &) const = default;
@@ -103,22 +81,6 @@ TEST_F(AdminMethods, DebugSettingsChangeOnlyWhatIsGiven) {
             << (row.json ? row.json : "none");
     }
     print_debug = stats_debug = flow_debug = 0;
-}
-
-TEST_F(AdminMethods, DumpsAreFilteredByTheLevelBeforeTheRequest) {
-    ASSERT_EQ(amAddAppToGrp("G", "appA"), 1);
-    log_.forget();
-    logLevel = AM_LOG_ERROR;
-    call(SetavDebugSettings, R"({"logLevel":"INFO","debugPrintDb":"yes"})");
-    EXPECT_EQ(log_.text(), "");
-    call(SetavDebugSettings, R"({"logLevel":"ERROR","debugPrintDb":"yes"})");
-    const std::string text = log_.text();
-    const size_t group = text.find("Grp-Name G App-name appA");
-    const size_t enforcement = text.find("---- Enforcement Application List");
-    const size_t monitoring = text.find("---- Monitoring Application List");
-    EXPECT_LT(group, enforcement);
-    EXPECT_LT(enforcement, monitoring);
-    EXPECT_NE(monitoring, std::string::npos);
 }
 
 TEST_F(AdminMethods, KitIsFetchedAfterTheReply) {
