@@ -44,7 +44,7 @@ stage_lint() {
     git ls-files '*.cpp' '*.h' | xargs clang-format-14 --dry-run --Werror
     say "static analysis"
     # The compilation database names g++; clang-tidy reads it as it stands.
-    git ls-files 'src/*.cpp' 'platform/*.cpp' | xargs -P "$(nproc)" -n 4 clang-tidy-14 --quiet -p build/release
+    git ls-files 'src/*.cpp' 'platform/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/release
 }
 
 stage_release() { say "g++ build and all tests"; build release; ctest_preset release; }
