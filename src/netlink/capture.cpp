@@ -22,10 +22,10 @@ constinit std::atomic<uint64_t> amPacketCounter{0};
 
 namespace {
 
-constexpr int kPollTimeout = 1000;              // milliseconds
-constexpr long kWaitingPause = 1'000'000;       // nanoseconds
-constexpr long kStopPause = 10'000'000;         // nanoseconds
-constexpr int kStopAttempts = 300;              // times kStopPause: three seconds
+constexpr int kPollTimeout = 1000;         // milliseconds
+constexpr long kWaitingPause = 1'000'000;  // nanoseconds
+constexpr int kStopPauseMs = 10;
+constexpr int kStopPatienceMs = 3000;
 constexpr int kWakeSignal = SIGURG;             // ignored by default, so nobody misses it
 constexpr size_t kStackSize = size_t{1} << 20;  // engines are used to more than musl's 128 KiB
 
@@ -175,16 +175,25 @@ void amPktCaptureThread() {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void amStopCaptureThread() {
-    am::captureHalted.store(true, std::memory_order_relaxed);
+namespace am {
+
+bool stopCaptureWithin(int milliseconds) {
+    captureHalted.store(true, std::memory_order_relaxed);
     // Repeated: a wake-up that comes between the thread's look at the request and its poll is lost.
-    for (int attempt = 0; attempt < kStopAttempts; attempt++) {
+    for (int waited = 0; waited <= milliseconds; waited += kStopPauseMs) {
         {
             const AmGuard guard(threadLock);
-            if (!threadRuns) return;
+            if (!threadRuns) return true;
             pthread_kill(captureThread, kWakeSignal);
         }
-        pauseFor(kStopPause);
+        pauseFor(kStopPauseMs * 1'000'000L);
     }
-    amLog(AM_LOG_ERROR, "%s:%d capture thread does not end\n", __func__, __LINE__);
+    return false;
+}
+
+}  // namespace am
+
+void amStopCaptureThread() {
+    if (!am::stopCaptureWithin(kStopPatienceMs))
+        amLog(AM_LOG_ERROR, "%s:%d capture thread does not end\n", __func__, __LINE__);
 }

@@ -17,6 +17,11 @@ void amPktCaptureThread();
 // Asks the thread to end and waits for it, a few seconds at most: before the sockets close.  Main thread.
 void amStopCaptureThread();
 
+namespace am {
+// The same, with a bound: whether the thread has ended by then.  Any thread but that one.
+bool stopCaptureWithin(int milliseconds);
+}  // namespace am
+
 // The thread's body; it returns only when it has been asked to stop.
 void *mainpThread(void *);
 

@@ -28,6 +28,7 @@ constinit std::atomic<uint64_t> amStatsCounter{0};
 namespace {
 
 constexpr uint32_t kPacketPortBit = 0x10000;
+constexpr int kClosePatienceMs = 500;
 constexpr unsigned kMgmtFlags = ULOOP_READ | ULOOP_EDGE_TRIGGER | ULOOP_ERROR_CB;
 static_assert(kMgmtFlags == 0x45);
 
@@ -158,6 +159,8 @@ void withdrawFromKernel() {
     if (control_nls) (void)amSendMirrorConfig(control_nls, 0);
     amLog(AM_LOG_ERROR, "%s:%d recv packet count: %" PRIu64 "\n", "my_sig_handler", __LINE__,
           amPacketCounter.load(std::memory_order_relaxed));
+    // The capture thread may be sending a verdict.  One that is held up in the engine is not waited for.
+    (void)stopCaptureWithin(kClosePatienceMs);
     closeDescriptor(packet_nls);
     closeDescriptor(control_nls);
 }
