@@ -102,7 +102,7 @@ def clients_at_once(run):
 def requests_odd(run):
     """members of other types than the method has, unnamed, doubled, cut, with lengths beyond the message; 3,000 at random
 
-    answers, or the bus drops the message; settings stay as they were where it answers a failure
+    answers, or the bus drops the message; another kit installs and packets are judged
     """
     run.configured()
     methods = ("CREATEavAppGroup", "SETavAppGroup", "DELETEavAppGroup", "CREATEavDpiAppList", "SETavAppMonAppList",
@@ -146,7 +146,7 @@ def requests_odd(run):
 def messages_large(run):
     """requests of nearly 1 MiB: one text, 20,000 applications, 10,000 groups; nested 2 to 80,000 levels deep
 
-    answers them; the request log leaves out what is nested deeper than 64 levels; memory comes back
+    answers them; the request log leaves out what is nested deeper than 64 levels, and the log tells so
     """
     run.configured()
     run.call("SETappMonClearConfig", {"clearConfig": "yes"})
@@ -171,6 +171,7 @@ def messages_large(run):
                     break
             bus.answer(bus.ask("CREATEavAppMonAppList", nested))
             run.provoke()
+    run.check("message of more than 64 levels" in run.log(), "the log does not tell of the nesting")
     run.call("SETappMonClearConfig", {"clearConfig": "yes"})
     run.serving()
     run.judging(1000)

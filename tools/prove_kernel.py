@@ -94,7 +94,7 @@ def overruns(run):
 def packets_cut(run):
     """a packet message cut at every byte, with its true length and with its whole length, in the ring and as COPY
 
-    passes over what does not fit; every whole message is judged; no byte beyond the message is read
+    passes over what does not fit; the next whole message is judged
     """
     run.configured()
     kernel = Kernel(run)
@@ -148,7 +148,7 @@ def packets_odd(run):
 def reports_cut(run):
     """a statistics message cut at every byte, with its true length and with its whole length
 
-    takes complete reports, passes over the rest, or ends with status 1 and "mnl_cb_run: " and starts cleanly again
+    passes over it, or ends with status 1 and "mnl_cb_run: " and starts cleanly again
     """
     run.start("--report-interval", "0")  # without a kit: it starts in no time
     kernel = Kernel(run)
