@@ -100,26 +100,6 @@ TEST_F(AppLists, UnknownListTypeIsLoggedAndCountsAsDone) {
     EXPECT_EQ(groupMarks("G"), "");
 }
 
-TEST_F(AppLists, DumpsShowGroupsAndListsAtInfo) {
-    const std::string k40(40, 'g');
-    makeGroup(k40.c_str(), {"appB", "appA"});
-    ASSERT_EQ(amAddGrpToAppList(k40.c_str(), AM_LIST_ENFORCEMENT), 1);
-    ASSERT_EQ(amAddAppToAppList("appD", nullptr, AM_LIST_ENFORCEMENT), 1);
-    log_.forget();
-    debugPrintAppGrp();
-    debugPrintEnfAppList();
-    debugPrintMonAppList();
-    std::string messages;
-    std::istringstream lines(log_.text());
-    for (std::string line; std::getline(lines, line);) messages += line.substr(line.find(": ") + 2) + "\n";
-    EXPECT_EQ(messages, "Grp-Name " + k40 + " App-name appA\n" +      //
-                            "Grp-Name " + k40 + " App-name appB\n" +  //
-                            "---- Enforcement Application List ------\n" + "AppId 0 App-Name appA Grp-Name " +
-                            k40 + "\n" + "AppId 1 App-Name appB Grp-Name " + k40 + "\n" +
-                            "AppId 3 App-Name appD\n" +  //
-                            "---- Monitoring Application List ------\n");
-}
-
 // What the classification callback does for every flow while an administrator works on the lists.
 TEST_F(AppLists, ReaderUnderTheLockNeverSeesHalfAnEntry) {
     makeGroup("aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", {"appA", "appB"});

@@ -20,65 +20,7 @@ Peer::Fill pathOnly(const char *path) {
     return [path](blob_buf *buf) { blob_put_string(buf, UBUS_ATTR_OBJPATH, path); };
 }
 
-Peer::Fill idOnly(uint32_t id) {
-    return [id](blob_buf *buf) { blob_put_u32(buf, UBUS_ATTR_OBJID, id); };
-}
-
-void oneMethod(blob_buf *buf) {
-    void *table = blobmsg_open_table(buf, "set");
-    blobmsg_add_u32(buf, "name", BLOBMSG_TYPE_STRING);
-    blobmsg_close_table(buf, table);
-}
-
 }  // namespace
-
-TEST_F(BusBroker, ObjectsAreAddedFoundAndRemoved) {
-    Peer provider(broker.path());
-    EXPECT_GE(provider.id(), static_cast<uint32_t>(UBUS_SYSTEM_OBJECT_MAX));
-    const auto addWithType = [&](const char *path, const Peer::Fill &type) {
-        provider.send(UBUS_MSG_ADD_OBJECT, 7, [&](blob_buf *buf) {
-            blob_put_string(buf, UBUS_ATTR_OBJPATH, path);
-            type(buf);
-        });
-        Message data = provider.read();
-        EXPECT_EQ(provider.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
-        EXPECT_EQ(data.peer, 7U);
-        return data;
-    };
-    const Message first = addWithType("demo", [](blob_buf *buf) {
-        void *signature = blob_nest_start(buf, UBUS_ATTR_SIGNATURE);
-        oneMethod(buf);
-        blob_nest_end(buf, signature);
-    });
-    EXPECT_EQ(first.ids(), (Ids{UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE}));
-    const uint32_t type = first.number(UBUS_ATTR_OBJTYPE);
-    const Message second =
-        addWithType("other", [&](blob_buf *buf) { blob_put_u32(buf, UBUS_ATTR_OBJTYPE, type); });
-    EXPECT_EQ(second.ids(), Ids{UBUS_ATTR_OBJID});
-
-    Peer caller(broker.path());
-    caller.send(UBUS_MSG_LOOKUP, 0, pathOnly("other"));
-    const Message found = caller.read();
-    EXPECT_EQ(found.ids(), (Ids{UBUS_ATTR_OBJPATH, UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE, UBUS_ATTR_SIGNATURE}));
-    EXPECT_EQ(found.number(UBUS_ATTR_OBJID), second.number(UBUS_ATTR_OBJID));
-    EXPECT_EQ(found.number(UBUS_ATTR_OBJTYPE), type);
-    EXPECT_EQ(json(found.attr(UBUS_ATTR_SIGNATURE)), R"({"set":{"name":3}})");
-    EXPECT_EQ(caller.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
-
-    EXPECT_EQ(caller.request(UBUS_MSG_ADD_OBJECT, 0, pathOnly("demo")), UBUS_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(caller.request(UBUS_MSG_REMOVE_OBJECT, 0), UBUS_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(caller.request(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(99)), UBUS_STATUS_NOT_FOUND);
-    EXPECT_EQ(caller.request(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(first.number(UBUS_ATTR_OBJID))),
-              UBUS_STATUS_PERMISSION_DENIED);
-
-    // The type goes with its last user.
-    provider.send(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(first.number(UBUS_ATTR_OBJID)));
-    EXPECT_EQ(provider.read().ids(), Ids{UBUS_ATTR_OBJID});
-    provider.read();
-    provider.send(UBUS_MSG_REMOVE_OBJECT, 0, idOnly(second.number(UBUS_ATTR_OBJID)));
-    EXPECT_EQ(provider.read().ids(), (Ids{UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE}));
-    provider.read();
-}
 
 TEST_F(BusBroker, CallsAndAnswersArePassedOn) {
     Peer provider(broker.path());

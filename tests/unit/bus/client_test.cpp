@@ -99,10 +99,6 @@ class BusClient : public testing::Test {
     ubus_object_type type{};
 };
 
-void hear(ubus_context *, ubus_event_handler *, const char *event, blob_attr *msg) {
-    heard += event + json(msg) + ' ';
-}
-
 }  // namespace
 
 TEST_F(BusClient, HandlersAnswerCalls) {
@@ -133,27 +129,6 @@ TEST_F(BusClient, HandlersAnswerCalls) {
     });
     uloop_run_timeout(1000);
     EXPECT_EQ(caller.read().number(UBUS_ATTR_STATUS), UBUS_STATUS_INVALID_ARGUMENT);
-}
-
-TEST_F(BusClient, EventsAreHeardThroughTheLoop) {
-    ubus_event_handler handler{};
-    handler.cb = hear;
-    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, nullptr), UBUS_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, ""), UBUS_STATUS_PERMISSION_DENIED);
-    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, "app.reload"), UBUS_STATUS_OK);
-    EXPECT_EQ(ubus_register_event_handler(ctx, &handler, "ubus.object.*"), UBUS_STATUS_OK);
-    Buffer message;
-    blobmsg_add_u32(&message, "a", 1);
-    EXPECT_EQ(ubus_send_event(ctx, "app.reload", message->head), UBUS_STATUS_OK);  // not to oneself
-    // The announcement comes while the call that causes it still waits.
-    serve();
-    EXPECT_EQ(heard, "");
-    Peer sender(broker.path());
-    sender.sendEvent("app.reload", [](blob_buf *buf) { blobmsg_add_u8(buf, "b", 1); });
-    for (int i = 0; i < 4 && heard.find("reload") == std::string::npos; i++) uloop_run_timeout(100);
-    EXPECT_EQ(heard, "ubus.object.add{\"id\":" + std::to_string(static_cast<int32_t>(object.id)) +
-                         ",\"path\":\"demo\"} app.reload{\"b\":true} ");
-    EXPECT_EQ(ubus_unregister_event_handler(ctx, &handler), UBUS_STATUS_OK);
 }
 
 TEST_F(BusClient, LoopRunsOnWithoutItsBroker) {

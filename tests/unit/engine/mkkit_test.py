@@ -36,11 +36,6 @@ class Kit(unittest.TestCase):
         lines = members["AppMon_Signature_Index.csv"].decode().splitlines()
         self.assertEqual(lines[1:], ["17,Mail,-,-,-,-,-", "4,Voice call,-,-,-,-,-"])
 
-    def test_same_input_same_bytes(self):
-        arguments = ("--engine", ENGINE, "--numbered", "300:A-")
-        self.assertEqual(self.build(*arguments), self.build(*arguments))
-        self.assertNotEqual(self.build(*arguments), self.build(*arguments, "--version", "2"))
-
     def test_leaves_members_out(self):
         for name, gone in (("compatibility", MEMBERS[:1]), ("version", MEMBERS[1:2]), ("index", MEMBERS[2:3]),
                            ("lib", MEMBERS[3:])):

@@ -51,33 +51,6 @@ class KitUpdate : public KitTest {
     }
 };
 
-TEST_F(KitUpdate, ValidKitIsStagedAndTheTestExtractionRemoved) {
-    pack();
-    EXPECT_EQ(1, dpiValidateKit());
-    EXPECT_EQ(readFile(kKit), readFile(kStaged));
-    EXPECT_FALSE(exists(kKitTestDir));
-}
-
-TEST_F(KitUpdate, KitOfAnotherLevelIsRefusedAndItsExtractionStays) {
-    writeFile("/tmp/kit/compatibility.txt", "2\n");
-    pack();
-    EXPECT_EQ(0, dpiValidateKit());
-    expectLog("Kit not comaptible 2\n");
-    expectLog(": app Signature kit is not compitable with QEL \n");
-    EXPECT_TRUE(exists(kKitTestDir));
-    EXPECT_FALSE(exists(kStaged));
-    amCleanUpdateKit();
-    EXPECT_FALSE(exists("/var/flash"));
-}
-
-TEST_F(KitUpdate, TruncatedKitIsMalformed) {
-    pack();
-    const std::string whole = readFile(kKit);
-    writeFile(kKit, whole.substr(0, whole.size() - 20));
-    EXPECT_EQ(0, dpiValidateKit());
-    expectLog(": app Signature kit from /flash is malformed\n");
-}
-
 // 2^40 bytes: nothing of them is left in 32 bits.
 TEST_F(KitUpdate, KitLargerThanTheScratchAreaIsRefused) {
     writeFile(kKit, "");
@@ -153,19 +126,6 @@ TEST_F(KitUpdate, FailedExtractionLeavesTheInstalledKitInPlace) {
     expectLog(": Unable to Unzip KIT to appMon folder, KIT file corrupted\n");
     EXPECT_TRUE(amEngineLoaded());
     EXPECT_EQ(AM_APP_VALID, getAppNode("Mail")->state);
-}
-
-TEST_F(KitUpdate, KitWithoutAnIndexLeavesEngineAndArrayAndAnObsoletePool) {
-    pack();
-    install();
-    shell("rm /tmp/kit/AppMon_Signature_Index.csv");
-    pack();
-    install();
-    expectLog(": Unable to Create app-pool for new kit\n");
-    EXPECT_TRUE(amEngineLoaded());
-    EXPECT_NE(nullptr, amActiveApp(17));
-    ASSERT_NE(nullptr, getAppNode("Mail"));
-    EXPECT_EQ(AM_APP_OBSOLETE, getAppNode("Mail")->state);
 }
 
 TEST_F(KitUpdate, KitIsInstalledOnceUntilItChanges) {

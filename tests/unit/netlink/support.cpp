@@ -20,8 +20,6 @@ AmMutex sentLock;
 std::vector<Bytes> sent GUARDED_BY(sentLock);
 int sendError GUARDED_BY(sentLock)
 = 0;
-int sendMirror GUARDED_BY(sentLock)
-= -1;
 
 }  // namespace
 
@@ -38,9 +36,6 @@ extern "C" __attribute__((visibility("default"))) ssize_t sendto(int, const void
     EXPECT_EQ(to->nl_pid, 0U);
     const auto *bytes = static_cast<const uint8_t *>(data);
     sent.emplace_back(bytes, bytes + length);
-    if (sendMirror >= 0) {
-        EXPECT_EQ(write(sendMirror, data, length), static_cast<ssize_t>(length));
-    }
     return static_cast<ssize_t>(length);
 }
 
@@ -52,11 +47,6 @@ std::vector<Bytes> takeSent() {
 void failSends(int error) {
     const AmGuard guard(sentLock);
     sendError = error;
-}
-
-void mirrorSends(int fd) {
-    const AmGuard guard(sentLock);
-    sendMirror = fd;
 }
 
 uint32_t ip4(const char *text) {

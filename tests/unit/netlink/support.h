@@ -30,9 +30,6 @@ std::vector<Bytes> takeSent();
 // Makes every later send fail with that error; 0: succeed again.
 void failSends(int error);
 
-// While set, datagrams are also written to this descriptor, for a parent process to read.
-void mirrorSends(int fd);
-
 // One netlink message with the attributes of a packet message: type and payload each.
 struct Attribute {
     uint16_t type;

@@ -18,15 +18,6 @@ class DebugDump : public RecordsTest {
     }
 };
 
-TEST_F(DebugDump, EmptyTablesGiveTheirHeadersOnly) {
-    dumpAll();
-    const std::string text = log_.text();
-    EXPECT_EQ(logCount("\n"), 4U);
-    for (const char *line : {"amFt4Queue ft4CommonIndex 0\n", "amFt6Queue ft6CommonIndex 0\n",
-                             "amMonFt6Queue amMonFlow6Counter 0\n", "Packet Counter [0] : Flow4 Counter ["})
-        EXPECT_NE(text.find(std::string("[INFO]: ") + line), std::string::npos) << line;
-}
-
 TEST_F(DebugDump, EntriesShowTheNamesOfTheEnforcementList) {
     const capture_flow_info office = flow(1, 1);
     const capture_flow_info video = flow(2, 2);
@@ -60,16 +51,6 @@ TEST_F(DebugDump, EntriesShowTheNamesOfTheEnforcementList) {
         at = text.find(line, at);
         ASSERT_NE(at, std::string::npos) << line << "in\n" << text;
     }
-}
-
-TEST_F(DebugDump, NothingIsWrittenBelowInfo) {
-    const capture_flow_info info = flow(1, 0, AM_IP_TYPE_IPV6);
-    amUpdateMonFlow6(&info);
-    amUpdateEnfFlowDb(&info);
-    log_.forget();
-    logLevel = AM_LOG_NOTICE;
-    dumpAll();
-    EXPECT_EQ(log_.text(), "");
 }
 
 }  // namespace
