@@ -42,18 +42,7 @@ class EnfRecords : public RecordsTest {
         if (random_() % 2) am::copyText(entry.access_profile, std::string(1 + random_() % 40, 'p'));
     }
 
-    // Queues so many reports of one flow, told apart by their packet counts.
-    void queue(int reports) {
-        for (int i = 0; i < reports; i++) {
-            AmFt4QueueEntry &entry = amnFt4Queue[ft4CommonIndex++];
-            entry.fst_ip = htonl(0x0a000001);
-            entry.pktCnt = ++queued_;
-            entry.startTime = kNoon;
-        }
-    }
-
     std::mt19937_64 random_{7};
-    uint64_t queued_ = 0;
 };
 
 TEST_F(EnfRecords, LinesAreThoseOfPrintf) {

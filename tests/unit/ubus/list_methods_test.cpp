@@ -2,34 +2,7 @@
 
 namespace {
 
-class ListMethods : public MethodTest {
-  protected:
-    // The lists as "appA appB appC", "-" for one without a mark.
-    static std::string lists() {
-        std::string all;
-        for (uint16_t id = 0; id < 3; id++) all += (id ? " " : "") + (marks(id).empty() ? "-" : marks(id));
-        return all;
-    }
-    static std::string groups() {
-        std::string all;
-        for (const char *group : {"G", "H"})
-            if (groupMarks(group) != "none") {
-                all += (all.empty() ? "" : " ") + std::string(group) + "(";
-                for (const std::string &app : membersOf(group)) all += app.substr(3);
-                all += ")";
-            }
-        return all;
-    }
-};
-
-constexpr char kOk[] = "reply ok";
-constexpr char kInvalid[] = "reply Invalid configuration received";
-constexpr char kMonApp[] = "reply Adding App to Monitor List Failed";
-constexpr char kMonGroup[] = "reply Adding grp to Monitor List Failed";
-constexpr char kEnfApp[] = "reply Adding App to Enforcement List Failed";
-constexpr char kEnfGroup[] = "reply Adding grp to Enforcement List Failed";
-constexpr char kCreate[] = "reply Creation of App-Grp Failed";
-constexpr char kDelete[] = "reply Deletion of App-Grp Failed";
+using ListMethods = MethodTest;
 
 TEST_F(ListMethods, UnknownKeysAreLoggedInTheMethodsOwnWords) {
     const struct {
