@@ -55,7 +55,9 @@ class Export(case.SystemTest):
         kinds = ["ok", "close/100", "reset/100", "status/500", "garbage"]
         for number in range(1000 if not case.SANITIZED else 100):
             self.exports("GETavDpiStats", server, kinds[number % len(kinds)])
-            world.wait_until(lambda: self.world.status("Threads") == idle, "the upload's end")
+            # The answer comes before the upload has begun.
+            world.wait_until(lambda: len(server.requests) > number and self.world.status("Threads") == idle,
+                             "the upload's end")
         self.exports("GETavDpiStats", server, "ok")
         world.wait_until(lambda: server.requests[-1].path.startswith("/ok/") and server.requests[-1].complete, "one more")
 
