@@ -105,10 +105,9 @@ def key_of_line(fields):
 class Soak:
     def __init__(self, run, server):
         self.run, self.server = run, server
-        self.kit = -1
+        self.kit, self.installed = -1, -1  # the one asked for last, the one that is in
         self.model = threading.Lock()  # held over what must see one kit
         self.totals = collections.Counter()
-        self.reloaded = threading.Event()
 
     # What goes on all the time.
 
@@ -132,41 +131,38 @@ class Soak:
         bus.call("SetavDebugSettings", debugPrintDb="yes", logLevel="INFO" if turn % 2 else "ERROR")
 
     def reload(self, bus=None, turn=0):
-        self.kit += 1
         with self.model:
-            world.make_kit(apps=KITS[self.kit % 2], version=f"{self.kit}.0")
-            self.reloaded.set()
+            world.make_kit(apps=KITS[(self.kit + 1) % 2], version=f"{self.kit + 1}.0")
+            self.kit += 1
             call = bus.call if bus else lambda method, **values: self.run.reply(method, values)
             reply = call("SETappMonUpdateSignatureFile", reloadSignFile="force")
             self.run.check(reply["success"], f"the kit was refused: {reply}")
             call("SetavDebugSettings")
-        self.totals["kits"] += 1
+            self.installed = self.kit
 
     # One round and its checks.
 
     def round(self, number, events, lines):
         run = self.run
-        mixed = self.reloaded.is_set()
-        self.reloaded.clear()
+        kit, settled = self.kit, self.installed == self.kit
         run.module.command(f"generate flows={FLOWS} packets={PACKETS} first={number * FLOWS} family=both proto=both "
                            "ports=10001,10002,10003,10004", timeout=120)
         run.module.command("wait 60000", timeout=120)
-        mixed = mixed or self.reloaded.is_set()
         run.module.command("age-all", timeout=120)
         run.module.command("wait 60000", timeout=120)
         run.settle()
         run.advance(901)
-        # A kit that is installed now empties the flow database under reports on their way.
-        mixed = mixed or self.reloaded.is_set()
-        happened = events.take()
+        happened, written = events.take(), lines.take()
+        # A kit that is installed meanwhile empties the flow database under reports on their way.
+        mixed = not settled or self.kit != kit
         results = [event for event in happened if event["event"] == "result"]
         reports = [event for event in happened if event["event"] == "report"]
-        self.check_results(results, mixed)
-        self.check_lines(reports, lines.take(), mixed)
+        self.check_results(results, kit, mixed)
+        self.check_lines(reports, written, mixed)
         self.totals.update(rounds=1, results=len(results), matches=sum(event["match"] for event in results),
                            reports=len(reports), mixed=mixed)
 
-    def check_results(self, results, mixed):
+    def check_results(self, results, kit, mixed):
         counts = collections.Counter(map(key_of_event, results))
         if mixed:
             self.run.check(max(counts.values(), default=0) <= 2, "more than two verdicts for a flow")
@@ -176,7 +172,7 @@ class Soak:
         for event in results:
             self.run.check(not event["problems"], f"a malformed verdict: {event}")
             if event["match"]:
-                names = {kit[event["app_id"]] for kit in (KITS if mixed else [KITS[self.kit % 2]])}
+                names = {index[event["app_id"]] for index in (KITS if mixed else [KITS[kit % 2]])}
                 self.run.check(event["app_name"] in names and event.get("group", "talk") == "talk", f"a wrong name: {event}")
 
     def check_lines(self, reports, lines, mixed):
@@ -246,7 +242,7 @@ def soak(run, seconds):
         total = work.totals
         print(f"{time.monotonic() - began:.0f} s, {total['rounds']} rounds: {total['packets']} packets, {total['results']} "
               f"verdicts, {total['matches']} matched, {total['reports']} reports, {total['lines']} record lines "
-              f"({total['unmatched']} reports of flows that a new kit had made the daemon forget), {total['kits']} kits, "
+              f"({total['unmatched']} reports of flows that a new kit had made the daemon forget), {work.installed + 1} kits, "
               f"{background[0].turns} list changes, {uploads} uploads, {background[2].turns} dumps; resident memory "
               f"{early} kB at first, {late} kB at last: nothing lost")
 
