@@ -15,6 +15,7 @@ import time
 
 TREE = pathlib.Path(__file__).resolve().parent.parent
 BUILD = pathlib.Path(os.environ.get("KORVID_BUILD", TREE / "build/release"))
+DAEMON = pathlib.Path(os.environ.get("KORVID_DAEMON", BUILD / "src/korvid"))
 ENGINES = BUILD / "platform/engine"
 MKKIT = TREE / "platform/engine/mkkit"
 FLASH = pathlib.Path("/flash")
@@ -210,7 +211,7 @@ class World:
             self.offset = 0
             CLOCK.write_text("+0")
             environment |= {"FAKETIME_TIMESTAMP_FILE": str(CLOCK), "FAKETIME_NO_CACHE": "1"}
-        command = [BUILD / "src/korvid", *(options or ("-s", BUS_SOCKET))]
+        command = [DAEMON, *(options or ("-s", BUS_SOCKET))]
         # Only the daemon is preloaded, not a program that wraps it.
         self.daemon = Process("korvid", [*wrapper, "/usr/bin/env", "LD_PRELOAD=" + ":".join(libraries), *command],
                               env=environment)
