@@ -204,7 +204,9 @@ class World:
         # With its clock moved, a sanitized daemon must not ask for the time from within free(): libfaketime holds its
         # lock there.
         environment = {"KORVID_DPIMOD_SOCKET": MODULE_SOCKET,
-                       "ASAN_OPTIONS": "allocator_release_to_os_interval_ms=-1", **(env or {})}
+                       "ASAN_OPTIONS": ":".join(filter(None, (os.environ.get("ASAN_OPTIONS"),
+                                                              "allocator_release_to_os_interval_ms=-1"))),
+                       **(env or {})}
         if clock:
             libraries.append(first_existing("/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
                                             "/usr/lib/aarch64-linux-gnu/faketime/libfaketimeMT.so.1"))

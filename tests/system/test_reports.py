@@ -185,4 +185,5 @@ class Scale(case.SystemTest):
         self.assertIn(f"Packet Counter [{total}] : Flow4 Counter [{total // 4}] : Flow6 Counter [{total // 4}]",
                       self.world.dump("counter"))
         self.assertNotIn("App-Name Mail", self.world.dump("flow"), "aged flows are swept")
-        self.assertLess(sizes[-1], sizes[0] + 512, f"resident memory by round: {sizes} kB")
+        if not case.SANITIZED:  # their allocators keep what is freed
+            self.assertLess(sizes[-1], sizes[0] + 512, f"resident memory by round: {sizes} kB")
