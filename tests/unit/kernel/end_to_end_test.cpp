@@ -87,7 +87,8 @@ TEST_F(KernelEndToEnd, EverySortOfFrameArrivesWholeAndInOrder) {
         start(row.options, row.socket);
         const uint64_t count = field(expected(row.settings), "packets");
         const std::string got = withoutTimes(readGenerated(row.settings, count));
-        const uint64_t zero = field(got, "zero");  // a ring that is full just then goes without its empty frame
+        const uint64_t zero =
+            field(got, "zero");  // a ring that is full just then goes without its empty frame
         EXPECT_LE(zero, row.zero);
         EXPECT_GE(zero, row.zero * 9 / 10);
         EXPECT_EQ(got, expected(row.settings, row.copies, zero));
