@@ -32,11 +32,13 @@ build() {
     cmake --build "build/$1" -j "$(nproc)" ${2:+--target "$2"} -- --quiet
 }
 
-# Tests of one preset: every case a line in ctest, failures with their output.
+# Tests of one preset: every case a line in ctest, failures with their output.  A test that a busy machine kept from
+# meeting its bound gets a second try; both are shown.
 ctest_preset() {
     preset=$1
     shift
-    ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)" "$@"
+    ctest --test-dir "build/$preset" --output-on-failure --no-tests=error --repeat until-pass:2 \
+        -j "$(nproc)" "$@"
 }
 
 stage_lint() {
