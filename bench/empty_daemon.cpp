@@ -1,5 +1,5 @@
-// A daemon that does nothing: the libraries of korvid, the bus, one method.  What korvid takes more is its
-// own.
+// A daemon that does nothing: the libraries of korvid, the bus, one method that answers what korvid's answer
+// to a change.  What korvid takes more is its own.
 #include <cjson/cJSON.h>
 #include <curl/curl.h>
 #include <libmnl/libmnl.h>
@@ -17,6 +17,11 @@ blob_buf reply;
 int nothing(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *) {
     blob_buf_init(&reply, 0);
     (void)blobmsg_add_u8(&reply, "success", 1);
+    blob_nest_end(&reply, blobmsg_open_nested(&reply, "result", false));
+    void *error = blobmsg_open_nested(&reply, "error", false);
+    (void)blobmsg_add_u32(&reply, "errorCode", 0);
+    (void)blobmsg_add_string(&reply, "errorMessage", "");
+    blob_nest_end(&reply, error);
     return ubus_send_reply(ctx, req, reply.head);
 }
 

@@ -103,10 +103,10 @@ class Run(world.World):
     def log(self):
         return world.text_of(world.LOG)
 
-    def flows(self, count, first=0, family="4", ports="10001"):
-        """New flows, each of one packet, and their verdicts."""
+    def flows(self, count, first=0, family="4", ports="10001", rate=0):
+        """New flows, each of one packet, and their verdicts; at a rate, what finds no room is dropped."""
         before = self.module.stats()["results"]
-        self.module.command(f"generate flows={count} packets={count} first={first} family={family} ports={ports}")
+        self.module.command(f"generate flows={count} packets={count} first={first} family={family} ports={ports} rate={rate}")
         self.module.command("wait 30000")
         world.wait_until(lambda: self.module.stats()["results"] >= before + count, f"{count} verdicts")
         self.check(self.module.stats()["results"] == before + count, "more than one verdict for a flow")

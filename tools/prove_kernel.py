@@ -1,6 +1,7 @@
 """What a kernel module can do wrong: overruns, malformed messages, reports of unknown flows, a restart."""
 import random
 import struct
+import threading
 
 import world
 from prove_base import fault, port_of
@@ -88,6 +89,32 @@ def overruns(run):
     run.report()
     run.flush()
     run.unwritten_ports({port_of(flow) for flow in range(200000, 200050)})
+
+
+@fault
+def bursts_during_walks(run):
+    """bursts of 1,024 packets of new flows at 100,000 a second while 100,000 flow records are dumped and swept
+
+    judges and records every one; the ring of 1,024 frames never overflows
+    """
+    run.configured("--age-idle", "3600", clock=True)
+    run.flows(100000)
+    run.log_level("INFO")
+    before, first = run.module.stats(), 200000
+    for walk in ("dump", "sweep") * run.often(2, 10):
+        if walk == "sweep":
+            run.report("age-all")
+        walking = threading.Thread(target=run.dump, args=["flow"]) if walk == "dump" else threading.Thread(target=run.flush)
+        walking.start()
+        while walking.is_alive():
+            run.flows(1024, first=first, rate=100000)
+            first += 1024
+            run.provoke()
+        walking.join()
+    after = run.module.stats()
+    for name in ("dropped_ring_full", "dropped_queue_full", "overruns"):
+        if after[name] != before[name]:
+            run.lost(f"{name} {after[name] - before[name]}")
 
 
 @fault

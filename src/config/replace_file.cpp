@@ -11,6 +11,7 @@
 
 #include "core/log.h"
 #include "core/text.h"
+#include "core/write_fully.h"
 
 namespace am {
 namespace {
@@ -49,19 +50,9 @@ bool followLinks(Path &path) {
     return false;
 }
 
-bool writeAll(int fd, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t written = write(fd, content.data(), content.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        content.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
-}
-
 // Closes in every case; the error is that of the first step that failed.
 bool writeAndClose(int fd, std::string_view content) {
-    const bool written = writeAll(fd, content) && fsync(fd) == 0;
+    const bool written = writeFully(fd, content) == content.size() && fsync(fd) == 0;
     const int error = errno;
     const bool closed = close(fd) == 0;
     if (!written) errno = error;

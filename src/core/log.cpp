@@ -3,17 +3,21 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "core/append.h"
 #include "core/lock.h"
+#include "core/log_time.h"
 #include "core/paths.h"
 #include "core/sized_log.h"
+#include "core/write_fully.h"
 
 constinit std::atomic<int> logLevel{AM_LOG_ERROR};
 constinit std::atomic<int> print_debug{0}, flow_debug{0}, stats_debug{0};
 
 namespace {
+
+// Bytes of a line that is written as a whole; the rare longer ones cost the C library a buffer.
+constexpr size_t kUsualLine = 1024;
 
 constinit AmMutex logLock;
 constinit am::SizedLog logFile GUARDED_BY(logLock)
@@ -28,22 +32,8 @@ void checkSize() REQUIRES(logLock)
     if (am::restartAtLimit(logFile)) am::openSizedLog(logFile, kLogPath);
 }
 
-// The last second that a line was written in, and its text: lines come in bursts, and the conversion to local
-// time costs as much as the rest of a line.
-constinit time_t shownSecond GUARDED_BY(logLock)
-= -1;
-constinit LogTime shown GUARDED_BY(logLock)
+constinit am::LogClock lineClock GUARDED_BY(logLock)
 {};
-
-const char *timeOfLine() REQUIRES(logLock)
-{
-    const time_t now = time(nullptr);
-    if (now != shownSecond) {
-        (void)log_time(shown);
-        shownSecond = now;
-    }
-    return shown.text;
-}
 
 }  // namespace
 
@@ -57,14 +47,6 @@ int logLevelFromName(const char *name) {
     return -1;
 }
 
-const char *log_time(LogTime &out) {
-    const time_t now = time(nullptr);
-    tm broken{};
-    localtime_r(&now, &broken);
-    if (strftime(out.text, sizeof out.text, "%F %T", &broken) == 0) out.text[0] = '\0';
-    return out.text;
-}
-
 void check_log_file() {
     const AmGuard guard(logLock);
     checkSize();
@@ -73,19 +55,26 @@ void check_log_file() {
 void amLogLine(int level, const char *format, ...) {
     const AmGuard guard(logLock);
     checkSize();
-    if (!logFile.stream) return;
+    if (logFile.fd < 0) return;
 
     // The caller's format becomes part of the line's, so that the line is one formatted write.
-    char line[4096];
-    char *head = am::append(am::append(line, timeOfLine()), " [");
+    char lineFormat[4096];
+    char *head = am::append(am::append(lineFormat, lineClock.text()), " [");
     head = am::append(am::append(head, log_level_str(level)), "]: ");
-    const size_t length = strnlen(format, static_cast<size_t>(line + sizeof line - 1 - head));
+    const size_t length = strnlen(format, static_cast<size_t>(lineFormat + sizeof lineFormat - 1 - head));
     *am::append(head, {format, length}) = '\0';
-    va_list arguments;
+
+    char line[kUsualLine];
+    va_list arguments, again;
     va_start(arguments, format);
-    (void)vfprintf(logFile.stream, line, arguments);
+    va_copy(again, arguments);
+    const int size = vsnprintf(line, sizeof line, lineFormat, arguments);
+    if (size >= 0 && static_cast<size_t>(size) < sizeof line)
+        (void)am::writeFully(logFile.fd, {line, static_cast<size_t>(size)});
+    else
+        (void)vdprintf(logFile.fd, lineFormat, again);
+    va_end(again);
     va_end(arguments);
-    (void)fflush(logFile.stream);
 }
 
 void amLogOpen(const char *path, int level) {

@@ -47,12 +47,6 @@ void amLogClose();
 // Deletes and reopens /var/log/dpi.log once it holds 2 MiB.  Every line sees to that itself.
 void check_log_file();
 
-// The current local time as "%F %T" text of 19 characters, in `out`, which is returned.
-struct LogTime {
-    char text[20];
-};
-const char *log_time(LogTime &out);
-
 // The level's name; the empty string for any other number.
 const char *log_level_str(int level);
 

@@ -95,7 +95,7 @@ void lockBeforeWalks() ACQUIRE(amEnfFlowLock)
     if (amEnfFlowLock.tryLock()) return;
     const AmGuard first(turnstile);
     lockWanted.store(true, std::memory_order_relaxed);
-    amEnfFlowLock.lock();
+    amEnfFlowLock.lockSoon();
     lockWanted.store(false, std::memory_order_relaxed);
 }
 
@@ -104,9 +104,9 @@ void letOthersIn() REQUIRES(amEnfFlowLock)
 {
     if (!lockWanted.load(std::memory_order_relaxed)) return;
     amEnfFlowLock.unlock();
-    turnstile.lock();
+    turnstile.lockSoon();
     turnstile.unlock();
-    amEnfFlowLock.lock();
+    amEnfFlowLock.lockSoon();
 }
 
 template <class Flow>

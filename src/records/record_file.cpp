@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "core/write_fully.h"
 
 namespace am {
 namespace {
@@ -62,18 +63,6 @@ uint32_t countLines(int fd) {
         if (length <= 0) return counter.total();
         counter.take(buffer, static_cast<size_t>(length));
     }
-}
-
-// Bytes written: fewer than asked for after a failure.
-size_t writeFully(int fd, const char *bytes, size_t length) {
-    size_t done = 0;
-    while (done < length) {
-        const ssize_t written = ::write(fd, bytes + done, length - done);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) break;
-        done += static_cast<size_t>(written);
-    }
-    return done;
 }
 
 void reportFailure(const RecordFileKind &kind, const RecordFailure &failure, int line) {
@@ -144,7 +133,7 @@ bool RecordAppend::writeHeader() {
         return false;
     }
     const int length = snprintf(buffer, sizeof buffer, "%s\n", kind_.header);
-    if (writeFully(fd_, buffer, static_cast<size_t>(length)) != static_cast<size_t>(length)) {
+    if (writeFully(fd_, {buffer, static_cast<size_t>(length)}) != static_cast<size_t>(length)) {
         cutBack(start_);
         report(kind_.headerWrite);
         (void)closeFile(kind_.headerClose);
@@ -183,7 +172,7 @@ void RecordAppend::cutBack(off_t size) {
 
 bool RecordAppend::write() {
     if (buffered_ == 0) return true;
-    const size_t done = writeFully(fd_, buffer, used_);
+    const size_t done = writeFully(fd_, {buffer, used_});
     keepLines(done);
     const bool complete = done == used_;
     used_ = buffered_ = 0;

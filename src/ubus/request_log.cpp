@@ -1,5 +1,6 @@
 #include "ubus/request_log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 
@@ -9,8 +10,10 @@ extern "C" {
 
 #include "core/handle.h"
 #include "core/log.h"
+#include "core/log_time.h"
 #include "core/paths.h"
 #include "core/sized_log.h"
+#include "core/write_fully.h"
 #include "ubus/members.h"
 
 namespace {
@@ -19,6 +22,8 @@ using am::Member;
 using am::Members;
 
 constinit am::SizedLog ubus_log_file{kRequestLogPath, "Error opening ubus log file: "};
+
+constinit am::LogClock clockOfEntries;
 
 constexpr std::string_view kPassword = "password";
 
@@ -68,7 +73,7 @@ void log_ubus_msg(const blob_attr *msg) {
         amLog(AM_LOG_ERROR, "%s:%d message of more than %d levels\n", __func__, __LINE__, kDeepest);
         return;
     }
-    if (am::restartAtLimit(ubus_log_file) || !ubus_log_file.stream)
+    if (am::restartAtLimit(ubus_log_file) || ubus_log_file.fd < 0)
         am::openSizedLog(ubus_log_file, kRequestLogPath);
 
     const am::CText json(
@@ -78,9 +83,10 @@ void log_ubus_msg(const blob_attr *msg) {
         return;
     }
     mask_pass(json.get(), static_cast<int>(std::string_view(json.get()).size()));
-    LogTime now;
     char entry[4096];
-    snprintf(entry, sizeof entry, "%s : ubus msg :\n%s\n", log_time(now), json.get());
-    (void)fputs(entry, ubus_log_file.stream);
-    (void)fflush(ubus_log_file.stream);
+    const int length =
+        snprintf(entry, sizeof entry, "%s : ubus msg :\n%s\n", clockOfEntries.text(), json.get());
+    if (length > 0)
+        (void)am::writeFully(ubus_log_file.fd,
+                             {entry, std::min(static_cast<size_t>(length), sizeof entry - 1)});
 }
