@@ -61,7 +61,7 @@ Row verdict(std::string what, double limit, uint32_t appId, size_t held) {
 
 void addVerdictRows(Table &table) {
     table.add(verdict("verdict, not enforced", 1.12, kPlainApp, 0));
-    table.add(verdict("verdict, enforced, 1e3 flows held", 1.35, kEnforcedApp, 1'000));
+    table.add(verdict("verdict, enforced, 1e3 flows held", 1.40, kEnforcedApp, 1'000));
     table.add(verdict("verdict, enforced, 1e4 flows held", 1.55, kEnforcedApp, 10'000));
     table.add(verdict("verdict, enforced, 1e5 flows held", 2.15, kEnforcedApp, 100'000));
 }

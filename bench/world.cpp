@@ -90,8 +90,7 @@ AmEnfKey4 freshKey() {
     return key;
 }
 
-capture_flow_info freshFlow(uint32_t appId) {
-    const AmEnfKey4 key = freshKey();
+capture_flow_info flowOf(const AmEnfKey4 &key, uint32_t appId) {
     capture_flow_info info{};
     info.ipproto = AM_IP_TYPE_IPV4;
     info.src_ip = key.fst_ip;
@@ -103,6 +102,10 @@ capture_flow_info freshFlow(uint32_t appId) {
     return info;
 }
 
+capture_flow_info freshFlow(uint32_t appId) {
+    return flowOf(freshKey(), appId);
+}
+
 capture_flow_info freshFlow6(uint32_t appId) {
     capture_flow_info info = freshFlow(appId);
     info.ipproto = AM_IP_TYPE_IPV6;
@@ -111,16 +114,6 @@ capture_flow_info freshFlow6(uint32_t appId) {
         memcpy(address, words, sizeof *address);
     }
     return info;
-}
-
-AmEnfKey4 keyOf(const capture_flow_info &info) {
-    AmEnfKey4 key{};
-    key.fst_ip = info.src_ip;
-    key.secnd_ip = info.dst_ip;
-    key.fstPort = static_cast<uint16_t>(info.src_port);
-    key.scndPort = static_cast<uint16_t>(info.dst_port);
-    key.proto = static_cast<uint8_t>(info.proto);
-    return key;
 }
 
 void holdFlows(size_t count) {
@@ -135,7 +128,7 @@ void holdFlows(size_t count) {
     held.reserve(count);
     for (size_t i = 0; i < count; i++) {
         const capture_flow_info info = freshFlow(kEnforcedApp);
-        held.push_back(keyOf(info));
+        held.push_back(amEnfKey4Of(info));
         (void)amUpdateEnfFlowDb(&info);
     }
 }

@@ -31,8 +31,8 @@ std::string applicationName(uint32_t id);
 // A flow that has not been seen yet, for all that chance can do.
 capture_flow_info freshFlow(uint32_t appId);
 capture_flow_info freshFlow6(uint32_t appId);
-AmEnfKey4 keyOf(const capture_flow_info &info);
 AmEnfKey4 freshKey();
+capture_flow_info flowOf(const AmEnfKey4 &key, uint32_t appId);
 
 // Brings the IPv4 flow database to about `count` records, whatever it held: up to a twentieth more stay.
 void holdFlows(size_t count);

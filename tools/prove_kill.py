@@ -6,7 +6,7 @@ import signal
 import time
 
 import world
-from prove_base import RECORDS, RECORDS_OLD, client, fault
+from prove_base import FLUSH, RECORDS, RECORDS_OLD, client, fault
 
 CHOICES = [["Mail"], ["Video"], ["Mail", "Video"], []]
 
@@ -80,6 +80,21 @@ def while_saving(run):
     run.accepted("a save is answered before it is written: the last one may be that before")
 
 
+def kill_in_flush(run, delay):
+    with client(run) as bus:
+        run.offset += FLUSH
+        world.CLOCK.write_text(f"+{run.offset}")
+        bus.ask("SetavDebugSettings")
+        kill_after(run, delay)
+
+
+def start_again(run, settings):
+    run.module.command("clear")
+    run.start_daemon(clock=True)
+    run.check(run.lists() == settings, "settings are not those before")
+    run.enable()
+
+
 @fault
 def while_flushing(run):
     """kill -9 at random moments around a flush of 200 reports
@@ -91,15 +106,8 @@ def while_flushing(run):
     for delay in moments(run, 0.02):
         run.flows(200)
         run.report()
-        with client(run) as bus:
-            run.offset += 901
-            world.CLOCK.write_text(f"+{run.offset}")
-            bus.ask("SetavDebugSettings")
-            kill_after(run, delay)
-        run.module.command("clear")
-        run.start_daemon(clock=True)
-        run.check(run.lists() == settings, "settings are not those before")
-        run.enable()
+        kill_in_flush(run, delay)
+        start_again(run, settings)
     lines = [line for path in (RECORDS_OLD, RECORDS) for line in world.text_of(path).splitlines()]
     cut = sum(line.count(",") != 17 for line in lines)
     run.check(cut <= run.provoked, f"{cut} broken lines after {run.provoked} kills")
@@ -121,18 +129,11 @@ def while_rotating(run):
         RECORDS.write_text("\n".join(["IpAddrType"] + old) + "\n")
         run.flows(20, first=number * 20)
         run.report()
-        with client(run) as bus:
-            run.offset += 901
-            world.CLOCK.write_text(f"+{run.offset}")
-            bus.ask("SetavDebugSettings")
-            kill_after(run, delay)
+        kill_in_flush(run, delay)
         kept = sum(world.text_of(path).count("\nIPv4,x") for path in (RECORDS, RECORDS_OLD))
         if kept != len(old):
             run.lost(f"{len(old) - kept} written lines")
-        run.module.command("clear")
-        run.start_daemon(clock=True)
-        run.check(run.lists() == settings, "settings are not those before")
-        run.enable()
+        start_again(run, settings)
     run.accepted("reports queued in memory since the last flush")
 
 

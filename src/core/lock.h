@@ -45,9 +45,10 @@ class CAPABILITY("mutex") AmMutex {
     { pthread_mutex_lock(&mutex_); }
     void unlock() RELEASE()
     { pthread_mutex_unlock(&mutex_); }
-    // For a lock that its owner is about to release: to be put to sleep and woken takes a hundred times as long
-    // as to look again for a microsecond or two.
-    void lockSoon() ACQUIRE() {
+    // For a lock that is held for moments only: to be put to sleep and woken takes a hundred times as long as
+    // to look again for a microsecond or two.
+    void lockSoon() ACQUIRE()
+    {
         for (int looks = 0; looks < 200; looks++) {
             if (tryLock()) return;
             relaxProcessor();

@@ -153,14 +153,20 @@ bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUI
 }
 
 template <class Ip>
+typename Ip::Key keyOf(const capture_flow_info &info) {
+    typename Ip::Key key{};
+    Ip::setAddresses(key, info);
+    key.fstPort = static_cast<uint16_t>(info.src_port);
+    key.scndPort = static_cast<uint16_t>(info.dst_port);
+    key.proto = static_cast<uint8_t>(info.proto);
+    return key;
+}
+
+template <class Ip>
 int update(const capture_flow_info *info) EXCLUDES(amEnfFlowLock)
 {
     typename Ip::Flow probe{};
-    Ip::setAddresses(probe.key, *info);
-    probe.key.fstPort = static_cast<uint16_t>(info->src_port);
-    probe.key.scndPort = static_cast<uint16_t>(info->dst_port);
-    probe.key.proto = static_cast<uint8_t>(info->proto);
-
+    probe.key = keyOf<Ip>(*info);
     lockBeforeWalks();
     const bool recorded = record<Ip>(probe, *info);
     amEnfFlowLock.unlock();
@@ -255,6 +261,10 @@ int amEnf_key6_compare(const RbtNode *a, const RbtNode *b) {
     return order(tailAt(&one.fstPort), tailAt(&other.fstPort));
 }
 
+AmEnfKey4 amEnfKey4Of(const capture_flow_info &info) {
+    return keyOf<V4>(info);
+}
+
 void amInitEnfFlowDb() {
     const AmGuard guard(amEnfFlowLock);
     rbtInit(&amEnfFlowDb, amEnf_key4_compare);
@@ -297,12 +307,11 @@ void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
     RbtNode *node = nullptr;
     for (bool first = true;; first = false) {
         AmEnfFlow4 copy;
-        {
-            const AmGuard guard(amEnfFlowLock);
-            node = first ? rbtFirst(&amEnfFlowDb) : rbtNext(&amEnfFlowDb, node);
-            if (!node) return;
-            copy = *asFlow<AmEnfFlow4>(node);
-        }
+        amEnfFlowLock.lockSoon();
+        node = first ? rbtFirst(&amEnfFlowDb) : rbtNext(&amEnfFlowDb, node);
+        if (node) copy = *asFlow<AmEnfFlow4>(node);
+        amEnfFlowLock.unlock();
+        if (!node) return;
         visit(copy);
     }
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
-#include "harness.h"
 #include "packet_source.h"
 
 using namespace dpimod;
@@ -124,18 +123,18 @@ TEST(KernelPacket, FlowOfAPacketIsFoundBehindItsHeaders) {
 }
 
 TEST(KernelCapture, FilesAreReadInTurnAndLooped) {
-    const harness::Scratch scratch;
+    const std::string folder = testing::TempDir();
     const Bytes packet = hex(kIp4);
     Bytes frame = hex(kMacs + "0800"), arp = hex(kMacs + "0806");
     frame.insert(frame.end(), packet.begin(), packet.end());
     arp.resize(60);
     const Bytes shortened(frame.begin(), frame.begin() + 40), stub(frame.begin(), frame.begin() + 20);
-    writePcap(scratch.path("a"), DLT_EN10MB, {frame, arp, stub});
-    writePcap(scratch.path("b"), DLT_RAW, {packet});
-    writePcap(scratch.path("c"), DLT_EN10MB, {shortened}, 1000);
+    writePcap(folder + "a", DLT_EN10MB, {frame, arp, stub});
+    writePcap(folder + "b", DLT_RAW, {packet});
+    writePcap(folder + "c", DLT_EN10MB, {shortened}, 1000);
     std::string error;
     InputCounters counters;
-    const auto source = openFiles({scratch.path("a"), scratch.path("b"), scratch.path("c")}, 2, error);
+    const auto source = openFiles({folder + "a", folder + "b", folder + "c"}, 2, error);
     ASSERT_TRUE(source) << error;
     const auto packets = readAll(*source, counters);
     ASSERT_EQ(packets.size(), 6U);

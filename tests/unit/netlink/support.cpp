@@ -61,12 +61,10 @@ in6_addr ip6(const char *text) {
     return address;
 }
 
-capture_flow_info flow4(const char *source, unsigned sourcePort, const char *destination,
-                        unsigned destinationPort, uint32_t appId) {
+namespace {
+
+capture_flow_info tcpFlow(unsigned sourcePort, unsigned destinationPort, uint32_t appId) {
     capture_flow_info info{};
-    info.ipproto = AM_IP_TYPE_IPV4;
-    info.src_ip = ip4(source);
-    info.dst_ip = ip4(destination);
     info.src_port = sourcePort;
     info.dst_port = destinationPort;
     info.proto = IPPROTO_TCP;
@@ -74,16 +72,23 @@ capture_flow_info flow4(const char *source, unsigned sourcePort, const char *des
     return info;
 }
 
+}  // namespace
+
+capture_flow_info flow4(const char *source, unsigned sourcePort, const char *destination,
+                        unsigned destinationPort, uint32_t appId) {
+    capture_flow_info info = tcpFlow(sourcePort, destinationPort, appId);
+    info.ipproto = AM_IP_TYPE_IPV4;
+    info.src_ip = ip4(source);
+    info.dst_ip = ip4(destination);
+    return info;
+}
+
 capture_flow_info flow6(const char *source, unsigned sourcePort, const char *destination,
                         unsigned destinationPort, uint32_t appId) {
-    capture_flow_info info{};
+    capture_flow_info info = tcpFlow(sourcePort, destinationPort, appId);
     info.ipproto = AM_IP_TYPE_IPV6;
     info.src_ip6 = ip6(source);
     info.dst_ip6 = ip6(destination);
-    info.src_port = sourcePort;
-    info.dst_port = destinationPort;
-    info.proto = IPPROTO_TCP;
-    info.app_id = appId;
     return info;
 }
 

@@ -23,12 +23,7 @@ class StatsReport : public RecordsTest {
     }
 
     static uint16_t agedMark(const capture_flow_info &info) {
-        AmEnfKey4 key{};
-        key.fst_ip = info.src_ip;
-        key.secnd_ip = info.dst_ip;
-        key.fstPort = static_cast<uint16_t>(info.src_port);
-        key.scndPort = static_cast<uint16_t>(info.dst_port);
-        key.proto = static_cast<uint8_t>(info.proto);
+        const AmEnfKey4 key = amEnfKey4Of(info);
         const AmGuard guard(amEnfFlowLock);
         const AmEnfFlow4 *const found = amSearchEnfFlowDb(&key);
         return found ? found->aged : 9999;
