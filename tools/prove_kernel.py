@@ -1,5 +1,6 @@
 """What a kernel module can do wrong: overruns, malformed messages, reports of unknown flows, a restart."""
 import random
+import signal
 import struct
 import threading
 
@@ -8,6 +9,7 @@ from prove_base import fault, port_of
 
 FATAL_PACKET = "mnl_cb_run error!!!"
 FATAL_CONTROL = "mnl_cb_run: "
+NO_ROOM = "packet socket error: No buffer space available"
 
 
 def attribute(number, payload):
@@ -82,8 +84,35 @@ def overruns(run):
         run.provoke()
     run.module.command("stop")
     run.module.command("wait 30000")
-    world.wait_until(lambda: run.log().count("packet socket error: No buffer space available") > 0, "the log lines")
+    world.wait_until(lambda: run.log().count(NO_ROOM) > 0, "the log lines")
     run.check("Control Msg Socket Error adding the uloop again" in run.log(), "the control socket's is not told")
+    run.module.command("clear")
+    run.flows(50, first=200000)
+    run.report()
+    run.flush()
+    run.unwritten_ports({port_of(flow) for flow in range(200000, 200050)})
+
+
+@fault
+def ring_overflows(run):
+    """the daemon stands still while three times as many packets come as the ring holds
+
+    judges every packet that found room, logs the overrun and goes on
+    """
+    run.configured(clock=True)
+    burst, room = 3000, 1024
+    for number in range(run.often(5, 30)):
+        before, lines = run.module.stats(), run.log().count(NO_ROOM)
+        run.daemon.send(signal.SIGSTOP)
+        run.module.command(f"generate flows={burst} packets={burst} first={number * burst} ports=10001 rate=10000000")
+        world.wait_until(lambda: run.module.stats()["offered"] == before["offered"] + burst, "the burst")
+        dropped = run.module.stats()["dropped_ring_full"] - before["dropped_ring_full"]
+        run.daemon.send(signal.SIGCONT)
+        run.provoke()
+        run.check(dropped == burst - room, f"{dropped} packets found no room")
+        world.wait_until(lambda: run.module.stats()["results"] == before["results"] + room, f"{room} verdicts")
+        world.wait_until(lambda: run.log().count(NO_ROOM) > lines, "the log line")
+    run.accepted("packets beyond the 1,024 that the ring holds, which the kernel counts")
     run.module.command("clear")
     run.flows(50, first=200000)
     run.report()
