@@ -72,22 +72,26 @@ void runRound(const std::vector<Row> &rows, std::vector<Samples> &samples, const
     }
 }
 
-std::string limitText(double limit, Gate gate, const std::string &unit) {
+std::string limitText(double limit, const std::string &unit) {
     char text[64];
-    if (gate == Gate::report) return "-";
-    snprintf(text, sizeof text, unit.empty() ? "%.2f" : "%.0f%s%s", limit, unit.empty() ? "" : " ",
-             unit.c_str());
+    if (limit == 0) return "-";
+    snprintf(text, sizeof text, unit.empty() ? "%.2f" : "%g %s", limit, unit.c_str());
     return text;
 }
 
-bool print(const std::string &what, const std::string &reference, double limit, Gate gate, const Quartiles &q,
+// True when the gate was missed.
+bool print(const std::string &what, const std::string &reference, const Limits &limits, const Quartiles &q,
            const std::string &unit) {
-    const bool missed = gate == Gate::most && q.median > limit;
-    printf("%-58s %-34s %9s %9.2f %9.2f %9.2f  %s\n", what.c_str(), reference.c_str(),
-           limitText(limit, gate, unit).c_str(), q.median, q.low, q.high,
-           gate == Gate::report ? "" : (missed ? "MISSED" : "ok"));
+    const double gate = limits.gate != 0 ? limits.gate : limits.goal;
+    const char *result = limits.goal == 0         ? ""
+                         : q.median > gate        ? "MISSED"
+                         : q.median > limits.goal ? "above its goal"
+                                                  : "ok";
+    printf("%-58s %-34s %8s %8s %9.2f %9.2f %9.2f  %s\n", what.c_str(), reference.c_str(),
+           limitText(limits.goal, unit).c_str(), limitText(gate, unit).c_str(), q.median, q.low, q.high,
+           result);
     (void)fflush(stdout);
-    return missed;
+    return limits.goal != 0 && q.median > gate;
 }
 
 }  // namespace
@@ -138,19 +142,19 @@ int Table::run(unsigned rounds) {
         runRound(rows_, samples, chosen, random);
 
     int missed = 0;
-    printf("%-58s %-34s %9s %9s %9s %9s\n", "what", "reference", "goal", "median", "lower q.", "upper q.");
+    printf("%-58s %-34s %8s %8s %9s %9s %9s\n", "what", "beside", "goal", "gate", "median", "lower q.",
+           "upper q.");
     for (size_t row = 0; row < rows_.size(); row++) {
         const Row &it = rows_[row];
-        missed += print(it.what, it.reference, it.limit, it.gate, quartilesOf(samples[row].ratios()), "");
+        missed += print(it.what, it.reference, it.limits, quartilesOf(samples[row].ratios()), "");
     }
     for (const Figure &figure : figures_) {
         std::vector<double> values;
         const unsigned wanted = figure.rounds != 0 ? figure.rounds : rounds;
         for (unsigned round = 0; round < wanted; round++) values.push_back(figure.measure());
-        missed +=
-            print(figure.what, figure.unit, figure.limit, figure.gate, quartilesOf(values), figure.unit);
+        missed += print(figure.what, "", figure.limits, quartilesOf(values), figure.unit);
     }
-    if (missed != 0) printf("%d goal%s missed\n", missed, missed == 1 ? "" : "s");
+    if (missed != 0) printf("%d gate%s missed\n", missed, missed == 1 ? "" : "s");
     return missed;
 }
 

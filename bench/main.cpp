@@ -1,5 +1,5 @@
 // The cost table: what the daemon's paths cost beside the least that does the same job.  Runs in
-// tools/sandbox, since it writes /flash and /var/log.  Ends with status 1 when a goal is missed.
+// tools/sandbox, since it writes /flash and /var/log.  Ends with status 1 when a gate is missed.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

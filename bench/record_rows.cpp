@@ -83,7 +83,7 @@ Row line() {
     static char text[kRecordLineSize];
     return {.what = "record line",
             .reference = "snprintf of the line",
-            .limit = 0.20,
+            .limits = {.goal = 0.20},
             .bare = {fillQueues,
                      [] {
                          for (AmFt4QueueEntry &entry : amnFt4Queue) bareLine(entry, text);
@@ -106,7 +106,7 @@ Row flush() {
     amEnfLoggingThreshold = INT32_MAX;  // a rotation is no part of this row
     return {.what = "flush of 400 lines",
             .reference = "open + write + close",
-            .limit = 3.5,
+            .limits = {.goal = 3.5},
             .bare = {[] {
                          keepSmall(kBareFile);
                          if (!text.empty()) return;

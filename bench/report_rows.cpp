@@ -141,13 +141,13 @@ uint32_t lengthOf(const char *message) {
     return reinterpret_cast<const nlmsghdr *>(message)->nlmsg_len;
 }
 
-Row reports(unsigned perMessage, double limit) {
+Row reports(unsigned perMessage, const Limits &limits) {
     const auto messages = std::make_shared<Messages>();
     messages->perMessage = perMessage;
     return {
         .what = "report, " + std::to_string(perMessage) + " a message",
         .reference = "libmnl parse, boost find, entry",
-        .limit = limit,
+        .limits = limits,
         .bare = {[messages] {
                      messages->refill();
                      bareFlows.hold();
@@ -172,13 +172,13 @@ Row reports(unsigned perMessage, double limit) {
 }  // namespace
 
 Loop reportLoop(unsigned perMessage) {
-    return reports(perMessage, 0).ours;
+    return reports(perMessage, {}).ours;
 }
 
 void addReportRows(Table &table) {
-    table.add(reports(1, 1.0));
-    table.add(reports(10, 1.0));
-    table.add(reports(30, 1.0));
+    table.add(reports(1, {.goal = 1.0}));
+    table.add(reports(10, {.goal = 1.0}));
+    table.add(reports(30, {.goal = 1.0}));
 }
 
 }  // namespace bench

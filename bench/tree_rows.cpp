@@ -56,12 +56,12 @@ std::string power(size_t count) {
     return "1e" + std::to_string(static_cast<int>(std::lround(std::log10(static_cast<double>(count)))));
 }
 
-Row search(const std::shared_ptr<Search> &search, double limit) {
+Row search(const std::shared_ptr<Search> &search, const Limits &limits) {
     const auto prepare = [search] { search->refill(); };
     return {
         .what = "tree find, " + power(search->count) + " flows",
         .reference = "boost::intrusive::set",
-        .limit = limit,
+        .limits = limits,
         .bare = {prepare,
                  [search] {
                      for (const AmEnfKey4 &key : search->probes) keep(&*search->trees->boost.find(key));
@@ -97,13 +97,13 @@ struct Change {
     }
 };
 
-Row change(size_t count, double limit) {
+Row change(size_t count, const Limits &limits) {
     const auto it = std::make_shared<Change>(count);
     const auto prepare = [it] { it->refill(); };
     return {
         .what = "tree insert and erase, " + power(count) + " flows",
         .reference = "boost::intrusive::set",
-        .limit = limit,
+        .limits = limits,
         .bare = {prepare,
                  [it] {
                      BoostFlows &set = it->trees->boost;
@@ -123,11 +123,11 @@ Row change(size_t count, double limit) {
 }  // namespace
 
 void addTreeRows(Table &table) {
-    table.add(search(std::make_shared<Search>(1'000), 0.70));
-    table.add(search(std::make_shared<Search>(100'000), 0.80));
-    table.add(search(std::make_shared<Search>(1'000'000), 0.85));
-    table.add(change(1'000, 0.85));
-    table.add(change(100'000, 0.85));
+    table.add(search(std::make_shared<Search>(1'000), {.goal = 0.70}));
+    table.add(search(std::make_shared<Search>(100'000), {.goal = 0.80}));
+    table.add(search(std::make_shared<Search>(1'000'000), {.goal = 0.85}));
+    table.add(change(1'000, {.goal = 0.85}));
+    table.add(change(100'000, {.goal = 0.85}));
 }
 
 }  // namespace bench

@@ -152,21 +152,20 @@ bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUI
     return true;
 }
 
+// In place: the padding of a zero-filled key stays zero.
 template <class Ip>
-typename Ip::Key keyOf(const capture_flow_info &info) {
-    typename Ip::Key key{};
+void setKey(typename Ip::Key &key, const capture_flow_info &info) {
     Ip::setAddresses(key, info);
     key.fstPort = static_cast<uint16_t>(info.src_port);
     key.scndPort = static_cast<uint16_t>(info.dst_port);
     key.proto = static_cast<uint8_t>(info.proto);
-    return key;
 }
 
 template <class Ip>
 int update(const capture_flow_info *info) EXCLUDES(amEnfFlowLock)
 {
     typename Ip::Flow probe{};
-    probe.key = keyOf<Ip>(*info);
+    setKey<Ip>(probe.key, *info);
     lockBeforeWalks();
     const bool recorded = record<Ip>(probe, *info);
     amEnfFlowLock.unlock();
@@ -262,7 +261,9 @@ int amEnf_key6_compare(const RbtNode *a, const RbtNode *b) {
 }
 
 AmEnfKey4 amEnfKey4Of(const capture_flow_info &info) {
-    return keyOf<V4>(info);
+    AmEnfKey4 key{};
+    setKey<V4>(key, info);
+    return key;
 }
 
 void amInitEnfFlowDb() {
