@@ -2,7 +2,10 @@
 // configuration still serves the kernel; only the netlink sockets are indispensable, and end the process
 // themselves.
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 extern "C" {
 #include <libubox/uloop.h>
@@ -16,6 +19,7 @@ extern "C" {
 #include "core/log.h"
 #include "core/paths.h"
 #include "kit/engine.h"
+#include "kit/upload.h"
 #include "netlink/capture.h"
 #include "netlink/enf_flow_db.h"
 #include "netlink/sockets.h"
@@ -36,7 +40,16 @@ const char *busPath(int argc, char *const *argv) {
     return path;
 }
 
+// A daemon that is started with standard error closed must not get the log in its place: libraries write
+// there.
+void fillStandardDescriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (fd > STDERR_FILENO) (void)close(fd);
+}
+
 void startUp(int argc, char *const *argv) {
+    fillStandardDescriptors();
     rbtInit(&amAppPoolTree, amAppPoolNameCompare);
     rbtInit(&amAppGrpTree, amAppGrpNameCompare);
     capture_flow_func = am_capture_flow_func;
@@ -63,6 +76,13 @@ void shutDown() {
     if (ubus_ctx) ubus_free(ubus_ctx);
     amStopCaptureThread();
     amCloseNetLinkSockets();
+    if (anyUploadRuns()) {
+        // Its thread, which is not waited for, uses what the libraries' clean-up and exit's handlers tear
+        // down.
+        (void)fflush(stdout);
+        amLogClose();
+        _exit(0);
+    }
     curl_global_cleanup();
     uloop_done();
     amLogClose();

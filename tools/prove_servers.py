@@ -128,6 +128,7 @@ def exports_in_a_row(run):
             method = "GETavAppMonStats" if number % 2 else "GETavDpiStats"
             reply = bus.call(method, username="u", password="p", filePath=server.url("ok"))
             run.check(reply["success"], f"export {number}: {reply}")
+            bus.call("SetavDebugSettings")  # the answer comes before the upload has begun
             run.provoke()
             if number in (200, 999):
                 world.wait_until(lambda: run.status("Threads") == idle, "the end of the uploads")

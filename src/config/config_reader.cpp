@@ -136,10 +136,11 @@ void amParseSignatureProfile(const cJSON *profile) {
         return;
     }
 
-    // Without a check sum nothing is compared; one that is no text matches nothing.
+    // Without a check sum, which null stands for too, nothing is compared; one that is no text matches
+    // nothing.
     const cJSON *const sum = cJSON_GetObjectItem(request, "fileCheckSum");
     const char *const sumText = cJSON_GetStringValue(sum);
-    if (kit_download(username, password, filePath, sum && !sumText ? "" : sumText) != 0)
+    if (kit_download(username, password, filePath, sum && !cJSON_IsNull(sum) && !sumText ? "" : sumText) != 0)
         amLog(AM_LOG_ERROR, "%s:%d Failed to download the kit\n", __func__, __LINE__);
     else
         amLog(AM_LOG_DEBUG, "%s:%d Successfully downloaded the kit\n", __func__, __LINE__);

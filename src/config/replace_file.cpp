@@ -50,9 +50,12 @@ bool followLinks(Path &path) {
     return false;
 }
 
+enum class Onto { kDisk, kDevice };
+
 // Closes in every case; the error is that of the first step that failed.
-bool writeAndClose(int fd, std::string_view content) {
-    const bool written = writeFully(fd, content) == content.size() && fsync(fd) == 0;
+bool writeAndClose(int fd, std::string_view content, Onto onto) {
+    const bool written =
+        writeFully(fd, content) == content.size() && (onto == Onto::kDevice || fsync(fd) == 0);
     const int error = errno;
     const bool closed = close(fd) == 0;
     if (!written) errno = error;
@@ -86,7 +89,13 @@ bool folderRefuses(int error) {
     }
 }
 
-Outcome writeBeside(const Path &path, std::string_view content) {
+// The switch's configuration system may own the file and read it: whose it was, and for whom, it stays.
+void keepOwnerAndMode(int fd, const struct stat &before) {
+    if (fchown(fd, before.st_uid, before.st_gid) == 0) (void)fchmod(fd, before.st_mode & 07777);
+}
+
+// `before` is the file that is there; null for none.
+Outcome writeBeside(const Path &path, const struct stat *before, std::string_view content) {
     Path beside{};
     const int length = snprintf(beside.text, sizeof beside.text, "%s.new", path.text);
     if (length >= static_cast<int>(sizeof beside.text)) return Outcome::kNoRoomForFile;
@@ -100,7 +109,8 @@ Outcome writeBeside(const Path &path, std::string_view content) {
         if (error != ENOENT && error != ENOTDIR) logFailure("create", beside, error);
         return Outcome::kFailed;
     }
-    if (!writeAndClose(fd, content)) {
+    if (before) keepOwnerAndMode(fd, *before);
+    if (!writeAndClose(fd, content, Onto::kDisk)) {
         logFailure("write", beside, errno);
         (void)unlink(beside.text);
         return Outcome::kFailed;
@@ -118,18 +128,21 @@ Outcome writeBeside(const Path &path, std::string_view content) {
 
 // Reserves the room first, so that a full disk keeps the old content here too, as far as the file system
 // knows how to.
-bool writeInPlace(const Path &path, std::string_view content) {
+bool truncateFor(int fd, size_t size) {
+    const bool full = fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) != 0 &&
+                      (errno == ENOSPC || errno == EDQUOT);
+    return !full && ftruncate(fd, 0) == 0;
+}
+
+bool writeInPlace(const Path &path, std::string_view content, Onto onto) {
     const int fd = open(path.text, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, kOwnerOnly);
     if (fd < 0) return false;
-    const auto length = static_cast<off_t>(content.size());
-    const bool full =
-        fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, length) != 0 && (errno == ENOSPC || errno == EDQUOT);
-    if (full || ftruncate(fd, 0) != 0) {
+    if (onto == Onto::kDisk && !truncateFor(fd, content.size())) {
         logFailure("write", path, errno);
         (void)close(fd);
         return false;
     }
-    if (writeAndClose(fd, content)) return true;
+    if (writeAndClose(fd, content, onto)) return true;
     logFailure("write", path, errno);
     return false;
 }
@@ -140,7 +153,11 @@ bool replaceFile(const char *path, std::string_view content) {
     Path target{};
     copyText(target.text, path);
     if (!followLinks(target)) return false;
-    switch (writeBeside(target, content)) {
+    struct stat before {};
+    const bool exists = stat(target.text, &before) == 0;
+    // A device or a pipe that the path leads to is written to; a file in its place would be the end of it.
+    if (exists && !S_ISREG(before.st_mode)) return writeInPlace(target, content, Onto::kDevice);
+    switch (writeBeside(target, exists ? &before : nullptr, content)) {
         case Outcome::kDone:
             return true;
         case Outcome::kFailed:
@@ -148,7 +165,7 @@ bool replaceFile(const char *path, std::string_view content) {
         case Outcome::kNoRoomForFile:
             break;
     }
-    return writeInPlace(target, content);
+    return writeInPlace(target, content, Onto::kDisk);
 }
 
 }  // namespace am

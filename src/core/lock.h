@@ -2,7 +2,9 @@
 //
 // Order in which locks are taken, never backwards:
 //   amEngineGate -> amModelLock -> amEnfFlowLock -> amMonQueueLock -> amUploadLock -> log lock
-// A lock is held for the data it guards, never across a transfer, a shell command or a record write.
+// and, private to one file each: the flow database's turnstile before amEnfFlowLock; the sockets' closeLock
+// after amModelLock and before the capture thread's threadLock. A lock is held for the data it guards, never
+// across a transfer, a shell command or a record write.
 #pragma once
 #include <pthread.h>
 

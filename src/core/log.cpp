@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "core/append.h"
@@ -16,7 +17,7 @@ constinit std::atomic<int> print_debug{0}, flow_debug{0}, stats_debug{0};
 
 namespace {
 
-// Bytes of a line that is written as a whole; the rare longer ones cost the C library a buffer.
+// Bytes of a line that needs no memory.
 constexpr size_t kUsualLine = 1024;
 
 constinit AmMutex logLock;
@@ -69,10 +70,14 @@ void amLogLine(int level, const char *format, ...) {
     va_start(arguments, format);
     va_copy(again, arguments);
     const int size = vsnprintf(line, sizeof line, lineFormat, arguments);
+    char *longer = nullptr;
     if (size >= 0 && static_cast<size_t>(size) < sizeof line)
         (void)am::writeFully(logFile.fd, {line, static_cast<size_t>(size)});
-    else
-        (void)vdprintf(logFile.fd, lineFormat, again);
+    else if (size >= 0 && vasprintf(&longer, lineFormat, again) == size)
+        (void)am::writeFully(logFile.fd, {longer, static_cast<size_t>(size)});
+    else if (size >= 0)  // no memory: what there is room for
+        (void)am::writeFully(logFile.fd, {line, sizeof line - 1});
+    free(longer);
     va_end(again);
     va_end(arguments);
 }

@@ -11,7 +11,11 @@ size_t writeFully(int fd, std::string_view bytes) {
     while (done < bytes.size()) {
         const ssize_t written = write(fd, bytes.data() + done, bytes.size() - done);
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) break;
+        if (written < 0) break;
+        if (written == 0) {
+            errno = EIO;
+            break;
+        }
         done += static_cast<size_t>(written);
     }
     return done;

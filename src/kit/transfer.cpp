@@ -97,13 +97,15 @@ int kit_download(const char *username, const char *password, const char *url, co
         amLog(AM_LOG_ERROR, "%s:%d KIT Download FAILURE : CURLcode %d\n", __func__, __LINE__, result);
         return -1;
     }
-    if (!closeKit(download)) {
-        amLog(AM_LOG_ERROR, "%s:%d kit could not be written to flash: errno %d\n", __func__, __LINE__, errno);
-        return -1;
-    }
+    const int storeError = closeKit(download) ? 0 : errno;
     const am::Md5Text received = am::md5Text(am::md5End(download.md5));
     if (md5 && strcmp(received.text, md5) != 0) {
         amLog(AM_LOG_ERROR, "%s:%d KIT Download Failure : Md5sum not matching\n", __func__, __LINE__);
+        return -1;
+    }
+    if (storeError != 0) {
+        amLog(AM_LOG_ERROR, "%s:%d kit could not be written to flash: errno %d\n", __func__, __LINE__,
+              storeError);
         return -1;
     }
     amLog(AM_LOG_DEBUG, "%s:%d KIT Download SUCCESS \n", __func__, __LINE__);

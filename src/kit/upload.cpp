@@ -4,7 +4,9 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "core/text.h"
 #include "kit/transfer.h"
@@ -113,6 +115,12 @@ bool uploadAskedToStop() {
     for (const thread_mgr_slot &slot : thread_mgr)
         if (slot.thread != 0 && pthread_equal(slot.thread, pthread_self())) return slot.stop == 1;
     return false;
+}
+
+bool anyUploadRuns() {
+    const AmGuard guard(amUploadLock);
+    return std::any_of(std::begin(thread_mgr), std::end(thread_mgr),
+                       [](const thread_mgr_slot &slot) { return slot.thread != 0; });
 }
 
 void *appEnfCsvUpload(void *) {

@@ -47,6 +47,9 @@ void clearUploadArgs(int slot) EXCLUDES(amUploadLock);
 // Whether the upload of the calling thread has been asked to stop; false on a thread that runs none.
 bool uploadAskedToStop() EXCLUDES(amUploadLock);
 
+// Whether any slot is taken.
+bool anyUploadRuns() EXCLUDES(amUploadLock);
+
 // Thread bodies: run the slot's upload and free the slot.
 void *appEnfCsvUpload(void *slotArgs);
 void *appEnfOldCsvUpload(void *slotArgs);

@@ -132,9 +132,9 @@ int packet_cb(const nlmsghdr *nlh, void *) {
 
     if (print_debug.load(std::memory_order_relaxed) != 0) [[unlikely]]
         debugPacket(pkt);
+    amEngineYield();
     timeval now;
     gettimeofday(&now, nullptr);
-    amEngineYield();
     if (process_pktptr) process_pktptr(&pkt, &now);
     // The only writer: no need for the bus lock of an atomic addition.
     amPacketCounter.store(amPacketCounter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);

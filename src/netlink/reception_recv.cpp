@@ -38,6 +38,7 @@ int setUpReception(mnl_socket *socket) {
 
 Drained drainPacketSocket() {
     while (!captureHalted.load(std::memory_order_relaxed)) {
+        amEngineYield();  // messages without a packet may come without end, too
         const int got = recvmmsg(mnl_socket_get_fd(packet_nls), batch, kBatch, MSG_DONTWAIT, nullptr);
         if (got <= 0) {
             if (got < 0 && errno != EAGAIN && errno != EINTR)

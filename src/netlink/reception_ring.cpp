@@ -24,6 +24,7 @@ int setUpReception(mnl_socket *socket) {
 Drained drainPacketSocket() {
     const size_t room = mmap_ring.req.nm_frame_size - sizeof(NlMmapHdr);
     while (!captureHalted.load(std::memory_order_relaxed)) {
+        amEngineYield();  // frames without a packet may come without end, too
         NlMmapHdr *frame = mnl_socket_get_frame(&mmap_ring);
         if (!frame) {
             amLog(AM_LOG_ERROR, "%s:%d hdr is NULL\n", "mainpThread", __LINE__);

@@ -18,7 +18,7 @@ enum NlMmapStatus : uint32_t {
     NL_MMAP_SKIP = 4,
 };
 
-// The kernel's struct nl_mmap_req and struct nl_mmap_hdr, which current headers no longer carry.
+// The kernel's struct nl_mmap_req and struct nl_mmap_hdr, which only some versions of its headers carry.
 struct NlMmapReq {
     uint32_t nm_block_size;  // bytes
     uint32_t nm_block_nr;

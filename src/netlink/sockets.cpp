@@ -32,12 +32,27 @@ constexpr int kClosePatienceMs = 500;
 constexpr unsigned kMgmtFlags = ULOOP_READ | ULOOP_EDGE_TRIGGER | ULOOP_ERROR_CB;
 static_assert(kMgmtFlags == 0x45);
 
-// Between an orderly shutdown and an interrupt that comes during it.
+// Between an interrupt and what the event-loop thread does with the sockets meanwhile.
 constinit AmMutex closeLock ACQUIRED_AFTER(amModelLock);
+bool withdrawn GUARDED_BY(closeLock)
+= false;
 
 [[noreturn]] void failWith(const char *text) {
     perror(text);
     _exit(1);  // no exit(): other threads may run, and nothing is left to be flushed
+}
+
+void publish(mnl_socket *&socket, mnl_socket *ready) EXCLUDES(closeLock)
+{
+    const AmGuard guard(closeLock);
+    socket = ready;
+}
+
+// Nothing is sent once an interrupt has told the kernel to stop: that has to be its last word.
+void sendMirrorState(uint8_t state) EXCLUDES(closeLock)
+{
+    const AmGuard guard(closeLock);
+    if (!withdrawn) (void)amSendMirrorConfig(control_nls, state);
 }
 
 mnl_socket *openSocket(const char *failText) {
@@ -90,18 +105,20 @@ void readReports(int fd) {
 void amCreateNetLinkSockets() {
     installInterruptHandler();
 
-    control_nls = openSocket("korvid: open management netlink socket");
+    mnl_socket *control = openSocket("korvid: open management netlink socket");
     control_portid = static_cast<uint32_t>(getpid());
-    bindSocket(control_nls, control_portid);
+    bindSocket(control, control_portid);
+    publish(control_nls, control);
 
-    packet_nls = openSocket("korvid: open packet netlink socket");
+    mnl_socket *packets = openSocket("korvid: open packet netlink socket");
     // Before the socket is bound: from then on the kernel may send.
-    if (am::setUpReception(packet_nls) < 0) failWith("mnl_socket_set_ring");
+    if (am::setUpReception(packets) < 0) failWith("mnl_socket_set_ring");
     packet_portid = control_portid | kPacketPortBit;
-    bindSocket(packet_nls, packet_portid);
+    bindSocket(packets, packet_portid);
+    publish(packet_nls, packets);
 
     (void)amSendPktPortId(control_nls, packet_portid);
-    if (amAdminState.load(std::memory_order_relaxed) == 1) (void)amSendMirrorConfig(control_nls, 1);
+    if (amAdminState.load(std::memory_order_relaxed) == 1) sendMirrorState(1);
 
     mgmt_fd.cb = amRecvNLMgmtSocket;
     mgmt_fd.fd = mnl_socket_get_fd(control_nls);
@@ -123,12 +140,12 @@ void amNetLinkMirrorState(int state) {
     if (state == amAdminState.load(std::memory_order_relaxed)) return;
     if (state == 1) {
         setAdminState(1);
-        (void)amSendMirrorConfig(control_nls, 1);
+        sendMirrorState(1);
         amLog(AM_LOG_DEBUG, "%s:%d Enable the DPI-NetLink Mirror\n", __func__, __LINE__);
         return;
     }
     setAdminState(0);
-    (void)amSendMirrorConfig(control_nls, 0);
+    sendMirrorState(0);
     amLog(AM_LOG_DEBUG, "%s:%d Disable the DPI-NetLink Mirror\n", __func__, __LINE__);
     amCleanAllEnfFlowDb();
     amCleanAllEnfFlowDb6();
@@ -156,6 +173,7 @@ int takeSocketError(int fd) {
 
 void withdrawFromKernel() {
     const AmGuard guard(closeLock);
+    withdrawn = true;
     if (control_nls) (void)amSendMirrorConfig(control_nls, 0);
     amLog(AM_LOG_ERROR, "%s:%d recv packet count: %" PRIu64 "\n", "my_sig_handler", __LINE__,
           amPacketCounter.load(std::memory_order_relaxed));

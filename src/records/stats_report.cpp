@@ -67,14 +67,10 @@ std::string_view textOf(const nlattr *attr) {
     return {text, strnlen(text, mnl_attr_get_payload_len(attr))};
 }
 
-// For a log line, which takes a terminated text.
-struct LogText {
-    char text[256];
-};
-LogText logText(const nlattr *attr) {
-    LogText out;
-    am::copyText(out.text, textOf(attr));
-    return out;
+// The attribute's text may lack a terminator.
+void logText(const char *format, const nlattr *attr) {
+    const std::string_view text = textOf(attr);
+    amLog(AM_LOG_STATS, format, static_cast<int>(text.size()), text.data());
 }
 
 template <class Ip>
@@ -162,7 +158,7 @@ void logReport(const Report<V4> &report) {
           am::addressText(report.key.fst_ip).text, am::addressText(report.key.secnd_ip).text,
           report.key.fstPort, report.key.scndPort, report.key.proto, report.aged, report.byteCnt,
           report.pktCnt);
-    if (report.accessProfile) amLog(AM_LOG_STATS, "access_profile: %s\n", logText(report.accessProfile).text);
+    if (report.accessProfile) logText("access_profile: %.*s\n", report.accessProfile);
 }
 
 void logReport(const Report<V6> &report) {
@@ -172,9 +168,8 @@ void logReport(const Report<V6> &report) {
           report.key.fstPort, report.key.scndPort, report.key.proto, report.aged, report.byteCnt,
           report.pktCnt);
     if (!report.accessProfile) return;
-    amLog(AM_LOG_STATS, "access_profile: %s\n", logText(report.accessProfile).text);
-    if (report.qosPolicyRule)
-        amLog(AM_LOG_STATS, "qos_policy_rule: %s\n", logText(report.qosPolicyRule).text);
+    logText("access_profile: %.*s\n", report.accessProfile);
+    if (report.qosPolicyRule) logText("qos_policy_rule: %.*s\n", report.qosPolicyRule);
 }
 
 template <class Ip>

@@ -1,5 +1,6 @@
 #include "ubus/reply.h"
 
+#include "core/log.h"
 #include "ubus/bus_object.h"
 #include "ubus/request_log.h"
 
@@ -15,7 +16,11 @@ void sendReply(blob_buf &reply, ubus_request_data *req, bool success, int errorC
     ubus_request_data deferred{};
     ubus_defer_request(ubus_ctx, req, &deferred);
 
-    (void)blob_buf_init(&reply, 0);
+    if (blob_buf_init(&reply, 0) != 0) {
+        amLog(AM_LOG_ERROR, "%s:%d no memory for a reply\n", __func__, __LINE__);
+        ubus_complete_deferred_request(ubus_ctx, &deferred, UBUS_STATUS_UNKNOWN_ERROR);
+        return;
+    }
     (void)blobmsg_add_u8(&reply, "success", success ? 1 : 0);
     void *result = blobmsg_open_nested(&reply, "result", false);
     fillResult(&reply);

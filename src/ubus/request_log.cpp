@@ -54,9 +54,11 @@ void mask_pass(char *text, int length) {
     // Counted from the word on: the first quote closes the key, the second opens the value, the third ends
     // it. A value that the end of the text cut off keeps the count for the next word.
     int quotes = 0;
-    for (size_t word = all.find(kPassword); word != all.npos;
-         word = all.find(kPassword, word + kPassword.size() + 1)) {
-        for (size_t at = word; at < all.size(); at++) {
+    for (size_t word = all.find(kPassword); word != all.npos;) {
+        const bool fresh = quotes == 0;
+        const size_t firstQuote = all.find('"', word);
+        size_t at = word;
+        for (; at < all.size(); at++) {
             if (text[at] != '"') {
                 if (quotes == 2) text[at] = '*';
             } else if (++quotes > 2) {
@@ -64,6 +66,12 @@ void mask_pass(char *text, int length) {
                 break;
             }
         }
+        // Without a quote behind it a word changes nothing any more, nor does a later one.
+        if (firstQuote == all.npos) return;
+        // Words before the first of three quotes would only find the same three: a long text of them must not
+        // cost the square of its length.
+        const bool whole = fresh && at < all.size();
+        word = all.find(kPassword, whole ? firstQuote + 1 : word + kPassword.size() + 1);
     }
 }
 

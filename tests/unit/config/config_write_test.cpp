@@ -130,18 +130,38 @@ TEST_F(ConfigWrite, WhatCannotBeOpenedIsNotWritten) {
     fs::rename("/var/elsewhere", "/var/config");
 }
 
-TEST_F(ConfigWrite, WhatIsNoFileIsRefusedAndClosedAgain) {
+TEST_F(ConfigWrite, OwnerAndModeOfTheFileStay) {
+    putConfig("{}");
+    ASSERT_EQ(chmod(kConfigPath, 0664), 0);
+    const bool isRoot = geteuid() == 0;
+    if (isRoot) {
+        ASSERT_EQ(chown(kConfigPath, 4711, 4712), 0);
+    }
+    written();
+    struct stat after {};
+    ASSERT_EQ(stat(kConfigPath, &after), 0);
+    EXPECT_EQ(after.st_mode & 07777U, 0664U);
+    if (isRoot) {
+        EXPECT_EQ((std::pair{after.st_uid, after.st_gid}), (std::pair{4711U, 4712U}));
+    }
+}
+
+TEST_F(ConfigWrite, WhatIsNoFileIsWrittenToAndStaysWhatItIs) {
     const auto descriptors = [] {
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator{});
     };
     ASSERT_EQ(mkfifo(kConfigPath, 0600), 0);
-    fs::create_directory("/var/config/dpi.conf.new");
     const int reader = open(kConfigPath, O_RDONLY | O_NONBLOCK);
     const auto before = descriptors();
     amWriteConfigToFile();
     EXPECT_EQ(descriptors(), before);
-    EXPECT_TRUE(log_.has("Unable to write /var/config/dpi.conf"));
+    char text[2] = "";
+    EXPECT_EQ(read(reader, text, 1), 1);
+    EXPECT_STREQ(text, "{");
     (void)close(reader);
+    EXPECT_TRUE(fs::is_fifo(kConfigPath));
+    amWriteConfigToFile();  // nobody reads: not waited for
+    EXPECT_EQ(log_.text(), "");
 }
 
 TEST_F(ConfigWrite, FullDiskKeepsTheFileThatWasThere) {
