@@ -48,6 +48,15 @@ class Export(case.SystemTest):
         self.exports("GETavAppMonStats", server, "ok")
         server.wait_for(lambda request: request.path.startswith("/ok/") and request.complete, "a later upload")
 
+    def test_an_upload_that_runs_does_not_hold_up_the_end(self):
+        self.fill(MONITORED, 3_000_000)
+        server = self.serve(Hostile())
+        self.exports("GETavAppMonStats", server, "stall/1000")
+        server.wait_for(lambda request: len(request.body) >= 1000, "the upload")
+        began = time.monotonic()
+        self.assertEqual(self.world.daemon.stop(), 0)
+        self.assertLess(time.monotonic() - began, 5)
+
     def test_no_slot_is_ever_leaked(self):
         server = self.serve(Hostile())
         self.fill(ENFORCED)

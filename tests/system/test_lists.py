@@ -165,9 +165,10 @@ class Lists(case.SystemTest):
         self.assertFalse(world.CONFIG.exists())
 
     def test_requests_and_replies_are_in_the_request_log(self):
-        before = len(world.text_of(world.REQUEST_LOG))
         self.world.call("SETappMonClearConfig", {"clearConfig": "no"})
-        self.assertRegex(world.text_of(world.REQUEST_LOG)[before:],
-                         r'^\S+ \S+ : ubus msg :\n\{\n\t"clearConfig": "no"\n\}\n'
+        # A reply's entry comes after the reply.
+        world.wait_until(lambda: "}\n}\n" in world.text_of(world.REQUEST_LOG).partition('"no"')[2], "the reply's entry")
+        self.assertRegex(world.text_of(world.REQUEST_LOG),
+                         r'(?m)^\S+ \S+ : ubus msg :\n\{\n\t"clearConfig": "no"\n\}\n'
                          r'\S+ \S+ : ubus msg :\n\{\n\t"success": true,\n\t"result": \{\n\t\t\n\t\},\n'
-                         r'\t"error": \{\n\t\t"errorCode": 0,\n\t\t"errorMessage": ""\n\t\}\n\}\n$')
+                         r'\t"error": \{\n\t\t"errorCode": 0,\n\t\t"errorMessage": ""\n\t\}\n\}\n\Z')
