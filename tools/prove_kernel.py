@@ -71,6 +71,15 @@ class Kernel:
         world.wait_until(lambda: self.run.module.stats()["results"] == before + 1, "a verdict", 10)
 
 
+def records_again(run):
+    """Fresh flows are judged, reported and recorded."""
+    run.module.command("clear")
+    run.flows(50, first=200000)
+    run.report()
+    run.flush()
+    run.unwritten_ports({port_of(flow) for flow in range(200000, 200050)})
+
+
 @fault
 def overruns(run):
     """ENOBUFS on the packet socket and on the control socket, again and again while packets flow
@@ -86,11 +95,7 @@ def overruns(run):
     run.module.command("wait 30000")
     world.wait_until(lambda: run.log().count(NO_ROOM) > 0, "the log lines")
     run.check("Control Msg Socket Error adding the uloop again" in run.log(), "the control socket's is not told")
-    run.module.command("clear")
-    run.flows(50, first=200000)
-    run.report()
-    run.flush()
-    run.unwritten_ports({port_of(flow) for flow in range(200000, 200050)})
+    records_again(run)
 
 
 @fault
@@ -113,11 +118,7 @@ def ring_overflows(run):
         world.wait_until(lambda: run.module.stats()["results"] == before["results"] + room, f"{room} verdicts")
         world.wait_until(lambda: run.log().count(NO_ROOM) > lines, "the log line")
     run.accepted("packets beyond the 1,024 that the ring holds, which the kernel counts")
-    run.module.command("clear")
-    run.flows(50, first=200000)
-    run.report()
-    run.flush()
-    run.unwritten_ports({port_of(flow) for flow in range(200000, 200050)})
+    records_again(run)
 
 
 @fault
