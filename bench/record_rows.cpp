@@ -27,7 +27,7 @@ void fillQueues() {
     const time_t now = time(nullptr);
     for (int i = 0; i < kReportQueueSize; i++) {
         const capture_flow_info info = freshFlow6(kEnforcedApp);
-        const AmEnfKey4 key = amEnfKey4Of(info);
+        const AmEnfKey4 key = keyOf(info);
         AmFt4QueueEntry &four = amnFt4Queue[i];
         four = {};
         four.fst_ip = key.fst_ip;

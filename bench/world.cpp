@@ -102,6 +102,15 @@ capture_flow_info flowOf(const AmEnfKey4 &key, uint32_t appId) {
     return info;
 }
 
+AmEnfKey4 keyOf(const capture_flow_info &info) {
+    return {info.src_ip,
+            info.dst_ip,
+            static_cast<uint16_t>(info.src_port),
+            static_cast<uint16_t>(info.dst_port),
+            static_cast<uint8_t>(info.proto),
+            {}};
+}
+
 capture_flow_info freshFlow(uint32_t appId) {
     return flowOf(freshKey(), appId);
 }
@@ -128,7 +137,7 @@ void holdFlows(size_t count) {
     held.reserve(count);
     for (size_t i = 0; i < count; i++) {
         const capture_flow_info info = freshFlow(kEnforcedApp);
-        held.push_back(amEnfKey4Of(info));
+        held.push_back(keyOf(info));
         (void)amUpdateEnfFlowDb(&info);
     }
 }

@@ -32,6 +32,7 @@ std::string applicationName(uint32_t id);
 capture_flow_info freshFlow(uint32_t appId);
 capture_flow_info freshFlow6(uint32_t appId);
 AmEnfKey4 freshKey();
+AmEnfKey4 keyOf(const capture_flow_info &info);
 capture_flow_info flowOf(const AmEnfKey4 &key, uint32_t appId);
 
 // Brings the IPv4 flow database to about `count` records, whatever it held: up to a twentieth more stay.

@@ -260,12 +260,6 @@ int amEnf_key6_compare(const RbtNode *a, const RbtNode *b) {
     return order(tailAt(&one.fstPort), tailAt(&other.fstPort));
 }
 
-AmEnfKey4 amEnfKey4Of(const capture_flow_info &info) {
-    AmEnfKey4 key{};
-    setKey<V4>(key, info);
-    return key;
-}
-
 void amInitEnfFlowDb() {
     const AmGuard guard(amEnfFlowLock);
     rbtInit(&amEnfFlowDb, amEnf_key4_compare);

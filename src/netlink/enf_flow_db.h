@@ -67,9 +67,6 @@ extern int amEnfFlowDbTimerActive;
 int amEnf_key4_compare(const RbtNode *a, const RbtNode *b);
 int amEnf_key6_compare(const RbtNode *a, const RbtNode *b);
 
-// The key of an IPv4 flow.  Any thread.
-AmEnfKey4 amEnfKey4Of(const capture_flow_info &info);
-
 // Initialises both trees: main thread, before the capture thread runs.
 void amInitEnfFlowDb() EXCLUDES(amEnfFlowLock);
 

@@ -23,7 +23,12 @@ class StatsReport : public RecordsTest {
     }
 
     static uint16_t agedMark(const capture_flow_info &info) {
-        const AmEnfKey4 key = amEnfKey4Of(info);
+        const AmEnfKey4 key{info.src_ip,
+                            info.dst_ip,
+                            static_cast<uint16_t>(info.src_port),
+                            static_cast<uint16_t>(info.dst_port),
+                            static_cast<uint8_t>(info.proto),
+                            {}};
         const AmGuard guard(amEnfFlowLock);
         const AmEnfFlow4 *const found = amSearchEnfFlowDb(&key);
         return found ? found->aged : 9999;
