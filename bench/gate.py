@@ -16,7 +16,7 @@ import tempfile
 
 # Row of the table and instructions per operation.
 LIMITS = {
-    "capture path, no-op engine, 64-byte packets": 122,
+    "capture path, no-op engine, 64-byte packets": 126,
     "verdict, enforced, 1e4 flows held": 1040,
     "report, 10 a message": 1040,
     "record line": 1525,

@@ -164,7 +164,7 @@ void addWaitRows(Table &table) {
                      .measure = longestHandover,
                      .rounds = 9});
     // The gate leaves room for a machine whose bare wake-up takes most of the goal; a walk that keeps its
-    // lock takes 10,000 us.
+    // lock takes 2,000 us or more.
     for (const Walk &it : walks)
         table.add(Figure{.what = it.what,
                          .unit = "us",
