@@ -280,9 +280,9 @@ class Kits(case.SystemTest):
             self.world.install_kit(engine=engine, apps=apps)
             self.world.call("SETavDpiAppList", {"appList": [{"appName": name} for name in apps.values()]})
             self.world.enable()
+            before = self.world.module.stats()
             self.world.module.command(f"generate flows={flows} packets=100000000 first={round_ * flows} "
                                       "ports=10001,10002,10003")
-            before = self.world.module.stats()
             world.wait_until(lambda: self.world.module.stats()["results"] > before["results"] + 500 or
                              engine == "exit_reports", "verdicts", 60)
             world.wait_until(lambda: self.world.module.stats()["mirrored"] > before["mirrored"] + flows, "packets", 60)
