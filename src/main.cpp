@@ -41,10 +41,10 @@ const char *busPath(int argc, char *const *argv) {
 }
 
 // A daemon that is started with standard error closed must not get the log in its place: libraries write
-// there.
+// there.  Shell commands inherit what is opened here.
 void fillStandardDescriptors() {
     int fd = 0;
-    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
     if (fd > STDERR_FILENO) (void)close(fd);
 }
 

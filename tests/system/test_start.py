@@ -58,8 +58,11 @@ class Start(case.SystemTest):
         os.rmdir(world.LOG)
 
     def test_no_file_takes_the_place_of_a_closed_standard_error(self):
-        self.world.start(wrapper=("/bin/sh", "-c", 'exec "$@" 2>&-', "sh"))
-        self.assertEqual(os.readlink(f"/proc/{self.world.daemon.pid}/fd/2"), "/dev/null")
+        self.world.start(wrapper=("/bin/sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh"))
+        for number in range(3):
+            self.assertEqual(os.readlink(f"/proc/{self.world.daemon.pid}/fd/{number}"), "/dev/null")
+        self.world.install_kit(apps={1: "Mail"})  # its commands print, and fail where they cannot
+        self.world.call("SETavDpiAppList", {"appList": [{"appName": "Mail"}]})
 
     def test_interrupt_stops_mirroring_before_the_end(self):
         self.world.start()
