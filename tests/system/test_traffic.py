@@ -220,7 +220,7 @@ class Traffic(case.SystemTest):
         self.inject(packet_message(packet()))
         self.inject(packet_message(packet("2001:db8::1", 1, "2001:db8::2", 10001)))
         self.inject(packet_message(b"\0" * 20), packet_message(b"\x45"), packet_message(b"\x60" * 39))
-        self.counted(6)
+        world.wait_until(lambda: self.log().count("Ip version 60 60\n") == 2, "the last packet's line")
         log = self.log()
         for line in ("Ip version 40 45\n", "iphdr.saddr 10.0.0.1, .daddr 10.0.0.2, TCP.source 1234, dest 80\n",
                      "iphdr.saddr 2001:db8::1, .daddr 2001:db8::2, UDP.source 1, dest 10001, pay_len: 60\n",
