@@ -9,7 +9,7 @@ import statistics
 import subprocess
 import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tools"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "platform"))
 from world import BUILD, BUS_SOCKET, MODULE_SOCKET, World, wait_until  # noqa: E402
 
 STARTS, CALL_ROUNDS, CALLS = 15, 31, 500

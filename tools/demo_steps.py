@@ -9,9 +9,7 @@ import time
 import unittest
 
 import world
-
-sys.path.append(str(world.TREE / "tests/system"))
-from servers import Vsftpd  # noqa: E402  a real FTP server, set up for this sandbox
+from servers import Vsftpd  # a real FTP server, set up for this sandbox
 
 GROUP = {"web": [{"appName": "HTTP"}, {"appName": "TLS"}, {"appName": "Wikipedia"}]}
 
@@ -50,7 +48,7 @@ def configure(system):
 def traffic(system, mode, capture):
     if mode == "live":
         say("Real clients talk to real servers; the interface is mirrored meanwhile")
-        subprocess.run([world.TREE / "tools/record-traffic", "--generate-only"], check=True,
+        subprocess.run([world.TREE / "samples/record-traffic", "--generate-only"], check=True,
                        stdout=subprocess.DEVNULL)
         time.sleep(0.5)  # what the last connection leaves behind
     else:

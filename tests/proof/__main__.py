@@ -1,16 +1,16 @@
-"""Runs faults and prints the table; inside the sandbox, started by tools/prove."""
+"""Runs faults and prints the table; inside the sandbox, started by tests/proof/run."""
 import argparse
 import importlib
 import sys
 import time
 
-import prove_base
+from proof import base
 
 FAMILIES = ("storage", "kill", "memory", "kernel", "kits", "bus", "servers", "clock")
 
 
 def chosen(words):
-    known = prove_base.FAULTS
+    known = base.FAULTS
     if not words:
         return known
     found = [fault for fault in known if fault.family in words or fault.title in words]
@@ -29,9 +29,9 @@ def main():
     parser.add_argument("cases", nargs="*")
     arguments = parser.parse_args()
     if arguments.soak:
-        return importlib.import_module("prove_soak").main(arguments.soak)
+        return importlib.import_module("proof.soak").main(arguments.soak)
     for family in FAMILIES:
-        importlib.import_module("prove_" + family)
+        importlib.import_module("proof." + family)
     faults = chosen(arguments.cases)
     if arguments.list:
         for fault in faults:
@@ -41,7 +41,7 @@ def main():
     print("| fault | what is done | times | what korvid did | lost |\n| --- | --- | ---: | --- | --- |", flush=True)
     began, outcomes = time.monotonic(), []
     for fault in faults:
-        outcomes.append(prove_base.prove(fault, arguments.full))
+        outcomes.append(base.prove(fault, arguments.full))
         print(outcomes[-1].row(), flush=True)
         if arguments.slow:
             print(f"# {outcomes[-1].seconds:.1f} s", file=sys.stderr)

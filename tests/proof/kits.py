@@ -6,8 +6,8 @@ import tarfile
 import time
 
 import world
-from prove_base import APPS, fault
-from prove_storage import small
+from proof.base import APPS, fault
+from proof.storage import small
 
 ENGINE = world.ENGINES / "scripted/libcapture.so"
 HEADER = "id,name,category,risk,kind,area,source\n"

@@ -1,4 +1,4 @@
-"""What tools/record-captures runs inside the sandbox: the stage on which clients and servers meet.
+"""What samples/record-captures runs inside the sandbox: the stage on which clients and servers meet.
 
 recorded_services.py has the servers of Debian, recorded_scripts.py those that are scripted, recorded_frames.py what is
 made from other captures.  Addresses are those reserved for documentation (RFC 5737, RFC 3849).

@@ -1,4 +1,4 @@
-"""What the faults of tools/prove share: how one is declared and run, and what has to hold after each.
+"""What the faults share: how one is declared and run, and what has to hold after each.
 
 A fault is a function with a Run as its argument; its docstring is its row of the table: the first paragraph names the
 fault, the second says what korvid does, which the function has to verify.  It counts with run.provoke() how often it
@@ -14,7 +14,7 @@ import subprocess
 import time
 
 import world
-from prove_bus_client import BusClient
+from proof.bus_client import BusClient
 
 APPS = {1: "Mail", 2: "Chat", 3: "Games", 4: "Video"}
 RECORDS = world.FLASH / "appmon_enforcement_flow_records.csv"
@@ -45,7 +45,7 @@ FAULTS = []
 
 
 def fault(function):
-    FAULTS.append(Fault(function.__module__.removeprefix("prove_"), function.__name__, function))
+    FAULTS.append(Fault(function.__module__.removeprefix("proof."), function.__name__, function))
     return function
 
 

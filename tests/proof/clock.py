@@ -4,7 +4,7 @@ import re
 import time
 
 import world
-from prove_base import HOURLY, RECORDS, RECORDS_OLD, fault, port_of
+from proof.base import HOURLY, RECORDS, RECORDS_OLD, fault, port_of
 
 DAY = 86400
 

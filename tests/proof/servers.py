@@ -5,8 +5,8 @@ import signal
 import time
 
 import world
-from prove_base import MONITORED, RECORDS, RECORDS_OLD, fault
-from prove_bus_client import BusClient
+from proof.base import MONITORED, RECORDS, RECORDS_OLD, fault
+from proof.bus_client import BusClient
 from servers import Hostile
 
 KIT = bytes(range(256)) * 400

@@ -16,8 +16,8 @@ import threading
 import time
 
 import world
-from prove_base import RECORDS, RECORDS_OLD, Broken, Run
-from prove_bus_client import BusClient
+from proof.base import RECORDS, RECORDS_OLD, Broken, Run
+from proof.bus_client import BusClient
 from servers import Hostile
 
 FLOWS = 2000  # a round; at most half of them matched: no more than one rotation of the record file in a round

@@ -1,6 +1,6 @@
 """The world around the daemon inside a sandbox: broker, kernel-module stand-in, kit, and the production binary.
 
-Used by the system tests and by the demo; runs inside tools/sandbox, where /flash, /var and /lib are private.
+Used by the system tests, the proof of faults, the benchmark and the demo; runs inside tools/sandbox, where /flash, /var and /lib are private.
 """
 import contextlib
 import json

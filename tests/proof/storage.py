@@ -8,7 +8,7 @@ import subprocess
 import time
 
 import world
-from prove_base import (APPS, HOURLY, MONITORED, MONITORED_OLD, RECORDS, RECORDS_OLD, fault, port_of)
+from proof.base import (APPS, HOURLY, MONITORED, MONITORED_OLD, RECORDS, RECORDS_OLD, fault, port_of)
 
 
 def mount(*words):

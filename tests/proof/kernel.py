@@ -5,7 +5,7 @@ import struct
 import threading
 
 import world
-from prove_base import fault, port_of
+from proof.base import fault, port_of
 
 FATAL_PACKET = "mnl_cb_run error!!!"
 FATAL_CONTROL = "mnl_cb_run: "

@@ -6,7 +6,7 @@ import signal
 import time
 
 import world
-from prove_base import FLUSH, RECORDS, RECORDS_OLD, client, fault
+from proof.base import FLUSH, RECORDS, RECORDS_OLD, client, fault
 
 CHOICES = [["Mail"], ["Video"], ["Mail", "Video"], []]
 

@@ -9,8 +9,8 @@ import threading
 import time
 
 import world
-from prove_base import client, fault
-from prove_bus_client import (A_OBJID, A_STATUS, ARRAY, DATA, HELLO, INVOKE, STATUS, STRING, TABLE, BusClient,
+from proof.base import client, fault
+from proof.bus_client import (A_OBJID, A_STATUS, ARRAY, DATA, HELLO, INVOKE, STATUS, STRING, TABLE, BusClient,
                               attribute, attributes_of, invocation, member, members, message, padded)
 
 

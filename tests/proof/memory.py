@@ -6,8 +6,8 @@ import pathlib
 import struct
 
 import world
-from prove_base import APPS, RECORDS, RECORDS_OLD, client, fault
-from prove_bus_client import BusClient
+from proof.base import APPS, RECORDS, RECORDS_OLD, client, fault
+from proof.bus_client import BusClient
 
 SHARED = pathlib.Path("/tmp/inject")
 PRELOAD = [world.BUILD / "tests/injector/libfailalloc.so"]
