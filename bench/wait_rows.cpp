@@ -1,18 +1,22 @@
-// How long a verdict waits while the event-loop thread walks the tables: a sweep, a dump, a drain of the
-// queues, a change of a list.  The times here are real ones, of two threads that need a processor each: on a
-// machine that is busy with other work they measure that work.
+// How long a verdict waits while the event-loop thread walks the tables (a sweep, a dump, a drain of the
+// queues, changes of a list), and how long a setting waits behind threads that report without pause.  The
+// times here are real ones, of threads that need a processor each: on a machine that is busy with other work
+// they measure that work.
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "appmodel/app_lists.h"
 #include "core/log.h"
 #include "netlink/protocol.h"
+#include "netlink/verdict.h"
 #include "records/debug_dump.h"
 #include "records/mon_records.h"
 #include "rows.h"
@@ -23,6 +27,7 @@ namespace {
 
 constexpr size_t kHeld = 100'000;
 constexpr size_t kMostVerdicts = 200'000;
+constexpr size_t kManyReporters = 6;  // an engine that shares its flows among threads of its own
 
 double realTime() {
     timespec now{};
@@ -42,43 +47,67 @@ void beUrgent(bool urgent) {
     (void)pthread_setschedparam(pthread_self(), urgent ? SCHED_FIFO : SCHED_OTHER, &parameter);
 }
 
-struct Verdicts {
-    std::atomic<bool> ready{false}, stop{false};
+// One thread that reports.
+struct Reporter {
+    pthread_t thread;
+    const std::atomic<bool> *stop;
+    std::atomic<bool> ready{false};
+    size_t first;        // place among the held keys at which this one begins
+    bool pausing;        // lets others have the processor between two verdicts
     double longest = 0;  // microseconds
 };
 
-// The capture thread: verdicts about flows that have their record, so that nothing but the wait takes long. A
-// verdict in which this thread lost its processor to another program is left out.
+// Verdicts about flows that have their record, so that nothing but the wait takes long.  A verdict in which
+// this thread lost its processor to another program is left out.
 void *classify(void *argument) {
-    auto &verdicts = *static_cast<Verdicts *>(argument);
-    beUrgent(true);
-    size_t at = 0;
-    for (size_t n = 0; n < kMostVerdicts && !verdicts.stop.load(); n++) {
+    auto &reporter = *static_cast<Reporter *>(argument);
+    if (reporter.pausing) beUrgent(true);
+    size_t at = reporter.first;
+    while (!reporter.stop->load(std::memory_order_relaxed)) {
         const capture_flow_info info = flowOf(heldKeys()[at = (at + 7919) % kHeld], kMonitoredApp);
         const long before = preemptions();
         const double begin = realTime();
-        (void)amUpdateEnfFlowDb(&info);
-        (void)amUpdateMonFlow(&info);
+        (void)am_capture_flow_func(&info);
         const double took = realTime() - begin;
-        if (preemptions() == before) verdicts.longest = std::max(verdicts.longest, took);
-        verdicts.ready.store(true);
+        if (preemptions() == before) reporter.longest = std::max(reporter.longest, took);
+        reporter.ready.store(true);
+        if (reporter.pausing) sched_yield();
     }
-    verdicts.ready.store(true);
     return nullptr;
 }
 
-double longestWait(void (*walk)()) {
+// So many threads report while `work` runs; the longest wait of a verdict.
+template <class Work>
+double whileReporting(size_t reporters, bool pausing, Work work) {
     holdFlows(kHeld);
-    Verdicts verdicts;
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, classify, &verdicts) != 0) return 1e9;
-    while (!verdicts.ready.load()) sched_yield();
-    beUrgent(true);
-    walk();
-    beUrgent(false);
-    verdicts.stop.store(true);
-    pthread_join(thread, nullptr);
-    return verdicts.longest;
+    discardVerdicts(true);
+    std::atomic<bool> stop{false};
+    std::vector<Reporter> all(reporters);
+    for (size_t i = 0; i < reporters; i++) {
+        all[i].stop = &stop;
+        all[i].first = i * kHeld / reporters;
+        all[i].pausing = pausing;
+        if (pthread_create(&all[i].thread, nullptr, classify, &all[i]) != 0) exit(2);
+    }
+    for (const Reporter &reporter : all)
+        while (!reporter.ready.load()) sched_yield();
+    work();
+    stop.store(true);
+    double longest = 0;
+    for (Reporter &reporter : all) {
+        pthread_join(reporter.thread, nullptr);
+        longest = std::max(longest, reporter.longest);
+    }
+    discardVerdicts(false);
+    return longest;
+}
+
+double longestWait(void (*walk)(), size_t reporters) {
+    return whileReporting(reporters, true, [walk] {
+        beUrgent(true);
+        walk();
+        beUrgent(false);
+    });
 }
 
 // What this machine needs to wake a thread that waits for a lock, at its worst: no walk can do better.
@@ -141,6 +170,24 @@ void drain() {
     }
 }
 
+// What a bus method does to put one application on a list or to take it off again, and a change of state.
+double slowestSettings() {
+    constexpr int kSettings = 100;
+    const std::string name = applicationName(kPlainApp);
+    std::vector<double> waits;
+    whileReporting(kManyReporters, false, [&] {
+        for (int i = 0; i < kSettings; i++) {
+            const double begin = realTime();
+            (void)amAddAppToAppList(name.c_str(), nullptr, AM_LIST_MONITORING);
+            (void)amClearAppMonList();
+            (void)amAddGrpToAppList("office", AM_LIST_MONITORING);
+            waits.push_back((realTime() - begin) / 1e3);
+        }
+    });
+    std::sort(waits.begin(), waits.end());
+    return waits[kSettings * 99 / 100 - 1];
+}
+
 void changeLists() {
     for (int i = 0; i < 50; i++) {
         (void)amClearAppMonList();
@@ -165,12 +212,18 @@ void addWaitRows(Table &table) {
                      .rounds = 9});
     // The gate leaves room for a machine whose bare wake-up takes most of the goal; a walk that keeps its
     // lock takes 2,000 us or more.
-    for (const Walk &it : walks)
-        table.add(Figure{.what = it.what,
-                         .unit = "us",
-                         .limits = {.goal = 100, .gate = 300},
-                         .measure = [walk = it.walk] { return longestWait(walk); },
-                         .rounds = 9});
+    for (const size_t reporters : {size_t{1}, kManyReporters})
+        for (const Walk &it : walks)
+            table.add(Figure{.what = std::string(it.what) + (reporters == 1 ? "" : ", six reporters"),
+                             .unit = "us",
+                             .limits = {.goal = 100, .gate = 300},
+                             .measure = [walk = it.walk, reporters] { return longestWait(walk, reporters); },
+                             .rounds = 9});
+    table.add(Figure{.what = "wait of a setting behind six reporters, p99",
+                     .unit = "ms",
+                     .limits = {.goal = 100},
+                     .measure = slowestSettings,
+                     .rounds = 5});
 }
 
 }  // namespace bench

@@ -43,6 +43,9 @@ const std::vector<AmEnfKey4> &heldKeys();
 // The far end of control_nls: takes all datagrams that wait there.
 void drainControl();
 
+// Whether messages on control_nls go nowhere: for rows that are not about them.  Any thread.
+void discardVerdicts(bool discard);
+
 // Far end and near end of a datagram socket pair with room for a thousand small datagrams.
 struct DatagramPair {
     int near, far;
