@@ -176,22 +176,9 @@ RbtNode *rightmost(const RbtTree *tree, RbtNode *node) {
     return node;
 }
 
-struct Closest {
-    RbtNode *node;  // null only in an empty tree
-    bool equal;
-};
-
-Closest descend(const RbtTree *tree, const RbtNode *key) {
-    const RbtCompareFn compare = tree->compare;
-    RbtNode *node = nullptr;
-    for (RbtNode *next = tree->header.left; next != &tree->sentinel;) {
-        node = next;
-        prefetchChildren(node);
-        const int order = compare(key, node);
-        if (order == 0) return {node, true};
-        next = childFor(node, order);
-    }
-    return {node, false};
+RbtPlace placeOf(const RbtTree *tree, const RbtNode *key) {
+    return rbtDescend(tree,
+                      [key, compare = tree->compare](const RbtNode *node) { return compare(key, node); });
 }
 
 }  // namespace
@@ -224,12 +211,12 @@ RbtNode *rbtPrev(const RbtTree *tree, const RbtNode *node) {
 }
 
 RbtNode *rbtFindClosest(const RbtTree *tree, const RbtNode *key) {
-    return descend(tree, key).node;
+    return placeOf(tree, key).node;
 }
 
 RbtNode *rbtFind(const RbtTree *tree, const RbtNode *key) {
-    const Closest closest = descend(tree, key);
-    return closest.equal ? closest.node : nullptr;
+    const RbtPlace place = placeOf(tree, key);
+    return place.order == 0 ? place.node : nullptr;
 }
 
 void rbtInsert(RbtTree *tree, RbtNode *node) {
@@ -252,9 +239,9 @@ void rbtInsert(RbtTree *tree, RbtNode *node) {
     fixInsertion(tree, node);
 }
 
-void rbtInsertAt(RbtTree *tree, RbtNode *closest, RbtNode *node) {
-    RbtNode *parent = closest ? closest : &tree->header;
-    const int order = closest ? tree->compare(node, closest) : -1;
+void rbtInsertAt(RbtTree *tree, RbtPlace place, RbtNode *node) {
+    RbtNode *parent = place.node ? place.node : &tree->header;
+    const int order = place.order;
     *node = {parent, &tree->sentinel, &tree->sentinel, kRed};
     if (order < 0)
         parent->left = node;

@@ -48,9 +48,14 @@ RbtNode *rbtFind(const RbtTree *tree, const RbtNode *key);
 // Links the node in; one that is equal to elements of the tree comes after them in order.
 void rbtInsert(RbtTree *tree, RbtNode *node);
 
-// The same for a node whose key rbtFindClosest has just looked up and not found: `closest` is what it
-// returned, null for an empty tree.  Saves the second descent.
-void rbtInsertAt(RbtTree *tree, RbtNode *closest, RbtNode *node);
+// Where a key belongs.
+struct RbtPlace {
+    RbtNode *node;  // the element that equals it, else the one below which it hangs; null in an empty tree
+    int order;      // of the key to that element: 0 when they are equal
+};
+
+// Links the node in at the place of its key, which is not in the tree.  Saves the second descent.
+void rbtInsertAt(RbtTree *tree, RbtPlace place, RbtNode *node);
 
 // Unlinks the node; every other element keeps its address.
 void rbtRemove(RbtTree *tree, RbtNode *node);
@@ -65,3 +70,22 @@ RbtNode *rbtFindNth(const RbtTree *tree, uint32_t n);
 // visitor's result is not looked at.
 void rbtForEach(RbtTree *tree, RbtVisitFn visit, void *argument);
 void rbtForEachwDepth(RbtTree *tree, RbtDepthVisitFn visit, void *argument);
+
+// The place of a key.  `order` stands for the tree's comparator with the key for its probe: an owner whose
+// keys are cheap to compare hands it in here and saves a call for every level.
+template <class Order>
+inline RbtPlace rbtDescend(const RbtTree *tree, Order order) {
+    RbtPlace place{nullptr, -1};
+    for (RbtNode *next = tree->header.left; next != &tree->sentinel;) {
+        place.node = next;
+        // Both children are asked for while the comparison decides between them: in a large tree each level
+        // is a cache miss, and this is the only work there is to hide it behind.
+        __builtin_prefetch(next->left);
+        __builtin_prefetch(next->right);
+        place.order = order(static_cast<const RbtNode *>(next));
+        if (place.order == 0) break;
+        // A conditional move: the direction is a coin toss that no predictor learns.
+        next = place.order < 0 ? next->left : next->right;
+    }
+    return place;
+}

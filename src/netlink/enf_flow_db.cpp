@@ -30,22 +30,34 @@ constinit am::RecordSlab records6 GUARDED_BY(amEnfFlowLock)
 {sizeof(AmEnfFlow6)};
 static_assert(sizeof(void *) != 8 || sizeof(AmEnfFlow4) == 64);  // one cache line
 
-// Bytes in the order of memory, compared eight at a time.
-uint64_t bigEndianAt(const void *bytes) {
-    uint64_t word;
-    memcpy(&word, bytes, sizeof word);
-    if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
-    return word;
-}
+// Compares keys with one that is looked up, whose words are read once: bytes in the order of memory, eight at
+// a time.  The last eight of either family are ports, protocol and three bytes that are not part of the
+// order.
+template <class Flow>
+class KeyOrder {
+  public:
+    explicit KeyOrder(const RbtNode *probe) {
+        for (size_t i = 0; i < kWords; i++) words_[i] = wordOf(probe, i);
+    }
+    int operator()(const RbtNode *node) const {
+        for (size_t i = 0; i < kWords; i++)
+            if (const uint64_t word = wordOf(node, i); words_[i] != word) return words_[i] < word ? -1 : 1;
+        return 0;
+    }
 
-int order(uint64_t a, uint64_t b) {
-    return (a > b) - (a < b);
-}
+  private:
+    static constexpr size_t kWords = sizeof(Flow::key) / sizeof(uint64_t);
 
-// The last eight bytes of either key: ports, protocol and three bytes that are not part of the order.
-uint64_t tailAt(const void *bytes) {
-    return bigEndianAt(bytes) >> 24;
-}
+    static uint64_t wordOf(const RbtNode *node, size_t i) {
+        uint64_t word;
+        memcpy(&word, reinterpret_cast<const char *>(node) + offsetof(Flow, key) + i * sizeof word,
+               sizeof word);
+        if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
+        return i == kWords - 1 ? word >> 24 : word;
+    }
+
+    uint64_t words_[kWords];
+};
 
 // All that differs between the families.
 struct V4 {
@@ -136,9 +148,9 @@ bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUI
 {
     using Flow = typename Ip::Flow;
     RbtTree &tree = Ip::tree();
-    RbtNode *closest = rbtFindClosest(&tree, &probe.node);
-    if (closest && tree.compare(&probe.node, closest) == 0) {
-        auto *known = asFlow<Flow>(closest);
+    const RbtPlace place = rbtDescend(&tree, KeyOrder<Flow>(&probe.node));
+    if (place.order == 0) {
+        auto *known = asFlow<Flow>(place.node);
         if (known->aged != 0) activate(*known, info);
         return true;
     }
@@ -146,7 +158,7 @@ bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUI
     if (!slot) return false;
     auto *flow = new (slot) Flow(probe);
     activate(*flow, info);
-    rbtInsertAt(&tree, closest, &flow->node);
+    rbtInsertAt(&tree, place, &flow->node);
     // Written under the lock only.
     Ip::counter().store(Ip::counter().load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;
@@ -217,7 +229,8 @@ typename Ip::Flow *search(const typename Ip::Key *key) REQUIRES(amEnfFlowLock)
     }
     typename Ip::Flow probe{};
     copyFields(probe.key, *key);
-    return asFlow<typename Ip::Flow>(rbtFind(&Ip::tree(), &probe.node));
+    const RbtPlace place = rbtDescend(&Ip::tree(), KeyOrder<typename Ip::Flow>(&probe.node));
+    return place.order == 0 ? asFlow<typename Ip::Flow>(place.node) : nullptr;
 }
 
 enum class Sweep { aged, all };
@@ -244,20 +257,11 @@ void sweep(Sweep which) EXCLUDES(amEnfFlowLock)
 }  // namespace
 
 int amEnf_key4_compare(const RbtNode *a, const RbtNode *b) {
-    const AmEnfKey4 &one = reinterpret_cast<const AmEnfFlow4 *>(a)->key;
-    const AmEnfKey4 &other = reinterpret_cast<const AmEnfFlow4 *>(b)->key;
-    const int addresses = order(bigEndianAt(&one), bigEndianAt(&other));
-    return addresses != 0 ? addresses : order(tailAt(&one.fstPort), tailAt(&other.fstPort));
+    return KeyOrder<AmEnfFlow4>(a)(b);
 }
 
 int amEnf_key6_compare(const RbtNode *a, const RbtNode *b) {
-    const AmEnfKey6 &one = reinterpret_cast<const AmEnfFlow6 *>(a)->key;
-    const AmEnfKey6 &other = reinterpret_cast<const AmEnfFlow6 *>(b)->key;
-    const auto *left = reinterpret_cast<const char *>(&one);
-    const auto *right = reinterpret_cast<const char *>(&other);
-    for (size_t at = 0; at < offsetof(AmEnfKey6, fstPort); at += sizeof(uint64_t))
-        if (const int addresses = order(bigEndianAt(left + at), bigEndianAt(right + at))) return addresses;
-    return order(tailAt(&one.fstPort), tailAt(&other.fstPort));
+    return KeyOrder<AmEnfFlow6>(a)(b);
 }
 
 void amInitEnfFlowDb() {

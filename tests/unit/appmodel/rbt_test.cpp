@@ -39,10 +39,11 @@ class Rbt : public testing::Test {
         items_.push_back(std::make_unique<Item>(Item{{}, key}));
         Item *item = items_.back().get();
         // Either way in, wherever both are allowed: a key that is not there yet.
-        Item *closest = find(key, rbtFindClosest);
         expectedProbe = &item->node;
-        if (items_.size() % 2 == 0 && (!closest || closest->key != key))
-            rbtInsertAt(&tree_, closest ? &closest->node : nullptr, &item->node);
+        const RbtPlace place =
+            rbtDescend(&tree_, [item](const RbtNode *node) { return compareItems(&item->node, node); });
+        if (items_.size() % 2 == 0 && place.order != 0)
+            rbtInsertAt(&tree_, place, &item->node);
         else
             rbtInsert(&tree_, &item->node);
         const auto after =
