@@ -3,14 +3,12 @@
 reply, memory without a kit, and a method that changes memory beside one that does nothing.  Run by ./dev bench, in
 the sandbox.  Ends with status 1 when a gate is missed."""
 import os
-import pathlib
 import signal
 import statistics
 import subprocess
 import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "platform"))
-from world import BUILD, BUS_SOCKET, MODULE_SOCKET, World, wait_until  # noqa: E402
+from world import BUILD, BUS_SOCKET, MODULE_SOCKET, World, wait_until
 
 STARTS, CALL_ROUNDS, CALLS = 15, 31, 500
 PROBE, EMPTY, KORVID = BUILD / "bench/bus-probe", BUILD / "bench/empty-daemon", BUILD / "src/korvid"

@@ -13,9 +13,18 @@ import socket
 import subprocess
 import time
 
-TREE = pathlib.Path(__file__).resolve().parent.parent
-BUILD = pathlib.Path(os.environ.get("KORVID_BUILD", TREE / "build/release"))
-DAEMON = pathlib.Path(os.environ.get("KORVID_DAEMON", BUILD / "src/korvid"))
+# Where tools/sandbox shows the checkout, whatever its own path is.
+TREE = pathlib.Path("/run/korvid-sandbox")
+
+
+def placed(path):
+    """A path in the checkout, as seen below TREE; any other path as it is."""
+    path, checkout = pathlib.Path(path), TREE.resolve()
+    return TREE / path.relative_to(checkout) if path.is_relative_to(checkout) else path
+
+
+BUILD = placed(os.environ.get("KORVID_BUILD", TREE / "build/release"))
+DAEMON = placed(os.environ.get("KORVID_DAEMON", BUILD / "src/korvid"))
 ENGINES = BUILD / "platform/engine"
 MKKIT = TREE / "platform/engine/mkkit"
 FLASH = pathlib.Path("/flash")
@@ -167,6 +176,8 @@ class World:
         self.bus = self.module = self.daemon = None
 
     def __enter__(self):
+        if not TREE.is_symlink():
+            raise RuntimeError("not in tools/sandbox: these folders are the machine's")
         for folder in ("/flash", "/var/log", "/var/config", "/var/flash", "/tmp/out"):
             pathlib.Path(folder).mkdir(parents=True, exist_ok=True)
             for entry in pathlib.Path(folder).iterdir():

@@ -15,6 +15,7 @@
 #include "netlink/enf_flow_db.h"
 #include "netlink/sockets.h"
 #include "unit/appmodel/model_fixture.h"
+#include "unit/sandbox.h"
 
 class ConfigTest : public ModelTest {
   protected:
@@ -28,7 +29,7 @@ class ConfigTest : public ModelTest {
             return true;
         }();
         ASSERT_TRUE(treesReady);
-        clearFolder();
+        emptyFolder("/var/config");
         installKit({{"calendar", 1},
                     {"dns", 2},
                     {"mail", 3},
@@ -39,13 +40,8 @@ class ConfigTest : public ModelTest {
     void TearDown() override {
         amNetLinkMirrorState(0);
         reloadSignFile = 0;
-        clearFolder();
+        emptyFolder("/var/config");
         ModelTest::TearDown();
-    }
-
-    static void clearFolder() {
-        for (const auto &entry : std::filesystem::directory_iterator("/var/config"))
-            std::filesystem::remove_all(entry.path());
     }
 
     static std::string fileText(const std::string &path = kConfigPath) {

@@ -58,7 +58,7 @@ struct ClosePipe {
 // Names of the kit's index by id.
 std::map<uint32_t, std::string> indexNames() {
     std::map<uint32_t, std::string> names;
-    const std::unique_ptr<FILE, ClosePipe> pipe(popen(ENGINE_FOLDER "/ndpi-index", "r"));
+    const std::unique_ptr<FILE, ClosePipe> pipe(popen("'" ENGINE_FOLDER "/ndpi-index'", "r"));
     char line[512];
     while (pipe && fgets(line, sizeof(line), pipe.get())) {
         const std::string text(line);

@@ -5,8 +5,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "appmodel/app_lists.h"
@@ -15,6 +16,7 @@
 #include "kit/kit_update.h"
 #include "kit/md5.h"
 #include "kit_world.h"
+#include "unit/sandbox.h"
 
 kit_test::World kit_test::world;
 
@@ -52,12 +54,10 @@ namespace kit_test {
 namespace {
 constexpr char kLog[] = "/tmp/kit_test.log";
 
-// Elsewhere the folders that a test empties are those of the machine.
-void requireSandbox() {
-    char host[64] = {};
-    if (gethostname(host, sizeof host - 1) == 0 && strcmp(host, "switch") == 0) return;
-    fputs("run this in tools/sandbox: it empties /flash, /var/flash and /tmp\n", stderr);
-    exit(1);
+std::set<std::filesystem::path> entries(const char *folder) {
+    std::set<std::filesystem::path> found;
+    for (const auto &entry : std::filesystem::directory_iterator(folder)) found.insert(entry.path());
+    return found;
 }
 }  // namespace
 
@@ -90,7 +90,10 @@ void KitTest::SetUp() {
     static const CURLcode initialised = curl_global_init(CURL_GLOBAL_ALL);
     ASSERT_EQ(CURLE_OK, initialised);
     requireSandbox();
-    shell("rm -rf /flash/* /var/flash /tmp/* /lib/libcapture.so");
+    static const auto others = entries("/tmp");  // the checkout may be among them
+    emptyFolder("/tmp", others);
+    emptyFolder("/flash");
+    shell("rm -rf /var/flash /lib/libcapture.so");
     world.slept = 0;
     amLogOpen(kLog, AM_LOG_DEBUG);
     rbtInit(&amAppPoolTree, amAppPoolNameCompare);

@@ -23,6 +23,7 @@
 #include "records/stats_report.h"
 #include "unit/appmodel/model_fixture.h"
 #include "unit/records/test_clock.h"
+#include "unit/sandbox.h"
 
 using Lines = std::vector<std::string>;
 
@@ -136,8 +137,7 @@ class RecordsTest : public ModelTest {
     }
 
     static void clearAll() {
-        for (const auto &entry : std::filesystem::directory_iterator("/flash"))
-            std::filesystem::remove_all(entry.path());
+        emptyFolder("/flash");
         linesInEnfRecordFile = linesInMonRecordFile = linesInAppRecordFile = appMon24HrRecord = 0;
         std::fill_n(amnFt4Queue, kReportQueueSize, AmFt4QueueEntry{});
         std::fill_n(amnFt6Queue, kReportQueueSize, AmFt6QueueEntry{});
