@@ -52,6 +52,7 @@ void startUp(int argc, char *const *argv) {
     fillStandardDescriptors();
     rbtInit(&amAppPoolTree, amAppPoolNameCompare);
     rbtInit(&amAppGrpTree, amAppGrpNameCompare);
+    amInitEnfFlowDb();
     capture_flow_func = am_capture_flow_func;
     amLogOpen(kLogPath, AM_LOG_ERROR);
     amLog(AM_LOG_ERROR, "korvid start 4MB\n");
@@ -65,9 +66,7 @@ void startUp(int argc, char *const *argv) {
     amConnectUbusSocket(path);
     amCreateNetLinkSockets();
 
-    // Before the capture thread, which must not touch the event loop and finds the trees ready.
-    amInitEnfFlowDb();
-    amStartEnfFlowDbTimer();
+    amStartEnfFlowDbTimer();  // before the capture thread, which must not touch the event loop
     amPktCaptureThread();
     amParseConfigFromFile();
 }

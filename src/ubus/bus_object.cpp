@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "config/config_file.h"
+#include "core/log.h"
 #include "core/paths.h"
 #include "netlink/sockets.h"
 #include "ubus/methods.h"
@@ -40,6 +41,20 @@ static_assert(ARRAY_SIZE(dpi_methods) == 15);
 ubus_object_type dpi_object_type = UBUS_OBJECT_TYPE("create", dpi_methods);
 ubus_object dpi_object;
 ubus_event_handler userconfig_event;
+constinit bool starting = true;  // until the object has been added, or has not
+
+// In place of the library's own handler, which ends the loop, and with it the daemon, when the end shows in
+// the middle of a request.  The context stays: replies that are still to be sent fail on it, which is all
+// that they do.
+void onConnectionLost(ubus_context *ctx) {
+    // While the object is being added the socket stays in the loop, which will find the end once more: off
+    // it, the library would serve at once what is to wait.
+    if (!starting) (void)uloop_fd_delete(&ctx->sock);
+    static bool told = false;
+    if (told) return;
+    told = true;
+    amLog(AM_LOG_ERROR, "%s:%d The bus is gone\n", "amConnectUbusSocket", __LINE__);
+}
 
 }  // namespace
 
@@ -55,10 +70,13 @@ void amConnectUbusSocket(const char *path) {
         fprintf(stderr, "Failed to connect to ubus\n");
         return;
     }
+    ubus_ctx->connection_lost = onConnectionLost;
+    // Before the first call: what comes in during a call waits for the loop then, and is else served right
+    // after the call, before the rest of the daemon is there.
+    (void)uloop_fd_add(&ubus_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
     // The event handler first: once the object is seen, everything is in place.
     userconfig_event.cb = userconfig_reload_cb;
     (void)ubus_register_event_handler(ubus_ctx, &userconfig_event, kReloadEvent);
-    (void)uloop_fd_add(&ubus_ctx->sock, ULOOP_READ | ULOOP_BLOCKING);
 
     dpi_object.name = "dpi";
     dpi_object.type = &dpi_object_type;
@@ -66,4 +84,5 @@ void amConnectUbusSocket(const char *path) {
     dpi_object.n_methods = dpi_object_type.n_methods;
     const int result = ubus_add_object(ubus_ctx, &dpi_object);
     if (result != 0) fprintf(stderr, "Failed to add object: %s\n", ubus_strerror(result));
+    starting = false;
 }

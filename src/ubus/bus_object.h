@@ -6,10 +6,12 @@ extern "C" {
 }
 #include <libubus.h>
 
-extern ubus_context *ubus_ctx;  // or null: there was no bus at start-up
+// Null: there was no bus at start-up.  It stays when the bus goes away later: calls on it fail.
+extern ubus_context *ubus_ctx;
 
 // Connects to the bus at `path` (null: the library's default), listens for userconfig.reload, and publishes
-// the object.  Without a bus the daemon runs on; there is no retry.
+// the object.  Requests and events that come meanwhile are served by the loop.  Without a bus, and when it
+// goes away, which is logged once, the daemon runs on; there is no retry.
 void amConnectUbusSocket(const char *path);
 
 void userconfig_reload_cb(ubus_context *ctx, ubus_event_handler *handler, const char *type,

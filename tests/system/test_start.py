@@ -1,4 +1,5 @@
 """Start-up, shutdown and signals, as an init system sees them."""
+import json
 import os
 import signal
 import time
@@ -6,6 +7,9 @@ import unittest
 
 import case
 import world
+from broker import Broker, invocation
+
+LOST = "The bus is gone\n"
 
 
 class Start(case.SystemTest):
@@ -42,12 +46,58 @@ class Start(case.SystemTest):
         self.assertEqual(daemon.wait(), 1)
         self.assertIn("korvid: open management netlink socket: ", daemon.stderr)
 
-    def test_a_broker_that_dies_later_leaves_it_running(self):
-        self.world.start()
-        self.world.bus.stop(signal.SIGKILL)
-        time.sleep(0.2)
+    def test_a_bus_that_dies_is_told_once_and_the_kernel_is_served_on(self):
+        """Idle, while a request is served that has its reply, and before the reply goes out."""
+        fetch = ("CREATEavSignatureProfile", {"username": "u", "password": "p", "filePath": "file:///tmp/slow"}, "/tmp/slow")
+        install = ("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"}, world.KIT)
+        for (method, arguments, pipe), end in (((None, None, None), signal.SIGTERM), (fetch, signal.SIGINT),
+                                               (install, signal.SIGTERM)):
+            with self.subTest(method), world.World() as self.world:
+                self.world.start()
+                self.world.enable()
+                if method:
+                    os.mkfifo(pipe)
+                    asker = world.Process("ubus", [world.BUILD / "platform/bus/ubus", "-s", world.BUS_SOCKET, "call", "dpi",
+                                                   method, json.dumps(arguments)])
+                    with open(pipe, "wb"):  # opens once the daemon reads it
+                        self.world.bus.stop(signal.SIGKILL)
+                    asker.wait()
+                    os.unlink(pipe)
+                else:
+                    self.world.bus.stop(signal.SIGKILL)
+                world.wait_until(lambda: LOST in self.log() or not self.world.daemon.running(), "the end of the bus")
+                self.assert_serves_without_a_bus(end)
+                if end == signal.SIGINT:
+                    self.assertEqual(self.mirror_states(), [1, 0])
+
+    def test_what_the_bus_tells_or_does_during_the_start_waits_for_the_loop(self):
+        """An event comes with an answer; then the bus goes on, dies, or dies while the next request waits for it."""
+        for answered, then in ((0, "dies"), (1, "goes on"), (1, "dies"), (1, "dies later"), (2, "dies")):
+            with self.subTest(answered=answered, then=then), world.World() as self.world, Broker() as broker:
+                world.CONFIG.write_text('{"ApplicationVisbilityProfile": [{"appMonAdminState": {"adminState": "enable"}}]}')
+                self.world.start_module()
+                self.world.start_daemon(wait=False)
+                broker.greet()
+                broker.answer(answered)
+                broker.connection.sendall(broker.request() + invocation(broker.EVENTS, "userconfig.reload"))
+                if then == "goes on":
+                    broker.answer(1)
+                elif then == "dies later":
+                    broker.request()
+                if then != "goes on":
+                    broker.end()
+                # First the daemon's own reading of the configuration, then that of the event.
+                world.wait_until(lambda: self.mirror_states() == [1, 0, 1] or not self.world.daemon.running(), "both loads")
+                if then != "goes on":
+                    world.wait_until(lambda: LOST in self.log() or not self.world.daemon.running(), "the end of the bus")
+                    self.assert_serves_without_a_bus(signal.SIGTERM)
+                else:
+                    self.assertTrue(self.world.daemon.running())
+
+    def assert_serves_without_a_bus(self, end):
         self.assertTrue(self.world.daemon.running())
-        self.assertEqual(self.world.daemon.stop(signal.SIGTERM), 0)
+        self.assertEqual(self.log().count(LOST), 1)
+        self.assertEqual(self.world.daemon.stop(end), 0)
 
     def test_an_unwritable_log_goes_to_standard_error(self):
         os.mkdir(world.LOG)  # a folder in its place
