@@ -6,7 +6,9 @@
 // unless stated otherwise.  While a synchronous call waits, incoming calls and events are kept and handled
 // once no call and no handler is active any more; signals do not interrupt it.
 //
-// A broker that goes away does not end the loop: set connection_lost to learn of it.
+// When the broker goes away, connection_lost is called, perhaps more than once: from the loop, or at the end
+// of what was being done when a read or a call met the end.  Its default ends the loop in the latter case
+// only, as the loop takes a hang-up off by itself; a program that has to run on, or to end, sets its own.
 #pragma once
 
 // NOLINTBEGIN(modernize-use-nullptr,bugprone-macro-parentheses): also read by C; braced initialisers may be
@@ -122,7 +124,6 @@ struct ubus_context {
     char *read_ahead;
     size_t read_pos;
     size_t read_end;
-    bool lost;  // connection_lost has been called
 };
 
 struct ubus_object_data {

@@ -134,7 +134,7 @@ void onPendingTimer(uloop_timeout *timer) {
 }
 
 void endLoop(ubus_context *ctx) {
-    // A broker that vanished is a hang-up, for which the loop has removed the socket: then it runs on.
+    // Where the loop saw the hang-up of a broker that vanished, it has removed the socket: then it runs on.
     if (ctx->sock.registered) uloop_end();
 }
 
@@ -178,7 +178,7 @@ int openConnection(ubus_context *ctx, const char *path) {
         close(ctx->sock.fd);
     }
     dropReceived(ctx);
-    ctx->sock.eof = ctx->sock.error = ctx->lost = false;
+    ctx->sock.eof = ctx->sock.error = false;
     ctx->sock.fd = openSocket(path ? path : UBUS_UNIX_SOCKET);
     if (ctx->sock.fd < 0) return UBUS_STATUS_CONNECTION_FAILED;
     if (!greeted(ctx)) return UBUS_STATUS_UNKNOWN_ERROR;
@@ -255,8 +255,6 @@ void dispatch(ubus_context *ctx, ubus_received *message) {
 }
 
 void connectionEnded(ubus_context *ctx) {
-    if (ctx->lost) return;
-    ctx->lost = true;
     failRequests(ctx);
     if (ctx->connection_lost) ctx->connection_lost(ctx);
 }

@@ -49,7 +49,7 @@ void processInvoke(ubus_context *ctx, ubus_received *message);
 // STATUS or DATA of a request of ours; takes the message over.
 void processAnswer(ubus_context *ctx, ubus_received *message);
 
-// Ends all requests and reports the loss, once for each connection.
+// Ends all requests and reports the loss: each time that the end is met.
 void connectionEnded(ubus_context *ctx);
 void failRequests(ubus_context *ctx);
 
