@@ -9,8 +9,8 @@
 // 1 = the next write asks for the kit to be installed when the file is next loaded.
 extern int32_t reloadSignFile;
 
-// Writes the file from the current state.  Never leaves half a file: what was there before stays until the
-// new content is on the disk.
+// Writes the file from the current state, as am::replaceFile does: no half file, and what was there before
+// stays until the new content is on the disk.
 void amWriteConfigToFile();
 
 // Reads the file and applies it; a missing or unusable file applies nothing.

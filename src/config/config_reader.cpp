@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -64,8 +65,13 @@ am::CText readFile(const char *path) {
     if (fd < 0) return nullptr;
     struct stat file;
     am::CText text;
-    if (fstat(fd, &file) == 0 && S_ISREG(file.st_mode) && file.st_size <= kLargestFile)
-        text = readText(fd, static_cast<size_t>(file.st_size));
+    if (fstat(fd, &file) == 0 && S_ISREG(file.st_mode)) {
+        if (file.st_size <= kLargestFile)
+            text = readText(fd, static_cast<size_t>(file.st_size));
+        else
+            amLog(AM_LOG_ERROR, "%s:%d %s is too large: %" PRId64 " bytes\n", "amParseConfigFromFile",
+                  __LINE__, path, static_cast<int64_t>(file.st_size));
+    }
     (void)close(fd);
     return text;
 }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
 
-enum class Outcome { kDone, kFailed, kNoRoomForFile };
+enum class Outcome { kDone, kFailed, kNoNewFile, kFull };
 
 struct Path {
     char text[PATH_MAX];
@@ -52,10 +52,16 @@ bool followLinks(Path &path) {
 
 enum class Onto { kDisk, kDevice };
 
+// On the disk the content ends the file, which may have been longer.
+bool writeAll(int fd, std::string_view content, Onto onto) {
+    if (writeFully(fd, content) != content.size()) return false;
+    return onto == Onto::kDevice ||
+           (ftruncate(fd, static_cast<off_t>(content.size())) == 0 && fsync(fd) == 0);
+}
+
 // Closes in every case; the error is that of the first step that failed.
 bool writeAndClose(int fd, std::string_view content, Onto onto) {
-    const bool written =
-        writeFully(fd, content) == content.size() && (onto == Onto::kDevice || fsync(fd) == 0);
+    const bool written = writeAll(fd, content, onto);
     const int error = errno;
     const bool closed = close(fd) == 0;
     if (!written) errno = error;
@@ -73,20 +79,13 @@ void syncFolder(const Path &path) {
     (void)close(fd);
 }
 
-// Errors that say something of the folder, and nothing of whether the file itself could be written.
-bool folderRefuses(int error) {
-    switch (error) {
-        case EACCES:
-        case EPERM:
-        case EROFS:
-        case EBUSY:  // the file is a mount of its own
-        case EEXIST:
-        case EISDIR:
-        case ENAMETOOLONG:
-            return true;
-        default:
-            return false;
-    }
+bool isFull(int error) {
+    return error == ENOSPC || error == EDQUOT;
+}
+
+// What keeps a new file out of the folder says nothing of whether the file that is there can be written.
+Outcome noNewFile(int error) {
+    return isFull(error) ? Outcome::kFull : Outcome::kNoNewFile;
 }
 
 // The switch's configuration system may own the file and read it: whose it was, and for whom, it stays.
@@ -98,17 +97,12 @@ void keepOwnerAndMode(int fd, const struct stat &before) {
 Outcome writeBeside(const Path &path, const struct stat *before, std::string_view content) {
     Path beside{};
     const int length = snprintf(beside.text, sizeof beside.text, "%s.new", path.text);
-    if (length >= static_cast<int>(sizeof beside.text)) return Outcome::kNoRoomForFile;
+    if (length >= static_cast<int>(sizeof beside.text)) return Outcome::kNoNewFile;
 
     // One name for all: what a killed daemon left behind goes with the next write.
     (void)unlink(beside.text);
     const int fd = open(beside.text, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly);
-    if (fd < 0) {
-        const int error = errno;
-        if (folderRefuses(error)) return Outcome::kNoRoomForFile;
-        if (error != ENOENT && error != ENOTDIR) logFailure("create", beside, error);
-        return Outcome::kFailed;
-    }
+    if (fd < 0) return noNewFile(errno);
     if (before) keepOwnerAndMode(fd, *before);
     if (!writeAndClose(fd, content, Onto::kDisk)) {
         logFailure("write", beside, errno);
@@ -118,26 +112,34 @@ Outcome writeBeside(const Path &path, const struct stat *before, std::string_vie
     if (rename(beside.text, path.text) != 0) {
         const int error = errno;
         (void)unlink(beside.text);
-        if (folderRefuses(error)) return Outcome::kNoRoomForFile;
-        logFailure("replace", path, error);
-        return Outcome::kFailed;
+        return noNewFile(error);
     }
     syncFolder(path);
     return Outcome::kDone;
 }
 
-// Reserves the room first, so that a full disk keeps the old content here too, as far as the file system
-// knows how to.
-bool truncateFor(int fd, size_t size) {
-    const bool full = fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) != 0 &&
-                      (errno == ENOSPC || errno == EDQUOT);
-    return !full && ftruncate(fd, 0) == 0;
+// Room first: what does not fit leaves the old content.  A file system that cannot reserve is trusted to have
+// room, unless it has just said that it is full.
+bool reserve(int fd, size_t size, bool full) {
+    if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) == 0) return true;
+    if (errno != EOPNOTSUPP) return false;
+    if (full) errno = ENOSPC;
+    return !full;
 }
 
-bool writeInPlace(const Path &path, std::string_view content, Onto onto) {
+// Says of a file that cannot be opened only what the administrator did not choose.
+void logOpening(const Path &path, int error) {
+    if (isFull(error) || error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO)
+        logFailure("open", path, error);
+}
+
+bool writeInPlace(const Path &path, std::string_view content, Onto onto, bool full = false) {
     const int fd = open(path.text, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, kOwnerOnly);
-    if (fd < 0) return false;
-    if (onto == Onto::kDisk && !truncateFor(fd, content.size())) {
+    if (fd < 0) {
+        logOpening(path, errno);
+        return false;
+    }
+    if (onto == Onto::kDisk && !reserve(fd, content.size(), full)) {
         logFailure("write", path, errno);
         (void)close(fd);
         return false;
@@ -157,15 +159,9 @@ bool replaceFile(const char *path, std::string_view content) {
     const bool exists = stat(target.text, &before) == 0;
     // A device or a pipe that the path leads to is written to; a file in its place would be the end of it.
     if (exists && !S_ISREG(before.st_mode)) return writeInPlace(target, content, Onto::kDevice);
-    switch (writeBeside(target, exists ? &before : nullptr, content)) {
-        case Outcome::kDone:
-            return true;
-        case Outcome::kFailed:
-            return false;
-        case Outcome::kNoRoomForFile:
-            break;
-    }
-    return writeInPlace(target, content, Onto::kDisk);
+    const Outcome outcome = writeBeside(target, exists ? &before : nullptr, content);
+    if (outcome == Outcome::kDone || outcome == Outcome::kFailed) return outcome == Outcome::kDone;
+    return writeInPlace(target, content, Onto::kDisk, outcome == Outcome::kFull);
 }
 
 }  // namespace am

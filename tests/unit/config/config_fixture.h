@@ -58,6 +58,11 @@ class ConfigTest : public ModelTest {
         return names;
     }
 
+    static auto descriptors() {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator{});
+    }
+
     // As the example of an office has it.
     static void configureOffice() {
         amAddAppToGrp("office", "mail");

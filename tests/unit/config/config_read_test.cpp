@@ -104,6 +104,7 @@ TEST_F(ConfigRead, WhatIsNoConfigurationAppliesNothing) {
     amNetLinkMirrorState(1);
     amAddAppToGrp("G", "mail");
     log_.forget();
+    const auto descriptorsBefore = descriptors();
     std::string garbage(10 << 20, '\0');
     for (size_t i = 0; i < garbage.size(); i++) garbage[i] = static_cast<char>(i * 2654435761U >> 13);
     const std::string kCases[] = {
@@ -136,14 +137,22 @@ TEST_F(ConfigRead, WhatIsNoConfigurationAppliesNothing) {
     ASSERT_EQ(mkfifo(kConfigPath, 0600), 0);
     amParseConfigFromFile();
     fs::remove(kConfigPath);
-    putConfig("");
-    fs::resize_file(kConfigPath, uintmax_t{1} << 40);
-    amParseConfigFromFile();
-    fs::remove(kConfigPath);
     fs::create_symlink("/dev/zero", kConfigPath);
     amParseConfigFromFile();
-    EXPECT_EQ(mirroring(), 1);
     EXPECT_EQ(log_.text(), "");
+
+    fs::remove(kConfigPath);
+    putConfig("");
+    for (const int more : {0, 1}) {
+        fs::resize_file(kConfigPath, (uintmax_t{32} << 20) + static_cast<uintmax_t>(more));
+        amParseConfigFromFile();
+    }
+    EXPECT_EQ(mirroring(), 1);
+    EXPECT_EQ(descriptors(), descriptorsBefore);
+    const std::string log = log_.text();
+    EXPECT_NE(log.find(" [ERROR]: amParseConfigFromFile:"), log.npos);
+    EXPECT_NE(log.find(" /var/config/dpi.conf is too large: 33554433 bytes\n"), log.npos);
+    EXPECT_EQ(log.find('\n'), log.size() - 1) << "told once";
 }
 
 TEST_F(ConfigRead, FileCutAnywhereAppliesNothing) {
