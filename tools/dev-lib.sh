@@ -2,19 +2,53 @@
 
 say() { printf '\n== %s\n' "$*"; }
 
+# The packages of some sections of tools/packages.txt; of all without a name.
+packages_of() {
+    sed 's/ *#.*//' tools/packages.txt | awk -v wanted=" $* " '
+        /^\[/ { inside = wanted == "  " || index(wanted, " " substr($0, 2, length($0) - 2) " "); next }
+        NF && inside'
+}
+
 missing_packages() {
-    for package in $(grep -v '^#' tools/packages.txt); do
+    for package in $(packages_of "$@"); do
         dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || echo "$package"
     done
 }
 
-install_packages() {
-    missing=$(missing_packages)
-    [ -n "$missing" ] || return 0
-    say "installing:" $missing
-    as_root=
-    [ "$(id -u)" = 0 ] || as_root=sudo
-    $as_root apt-get update -qq
+# step TEXT LOG COUNT COMMAND...: one line that ends in the seconds that the command took.  What the command writes goes
+# to the log; COUNT, a function of the log, tells how far it has come, for those who watch.
+step() {
+    text=$1 log=$2 count=$3
+    shift 3
+    mkdir -p "$(dirname "$log")"
+    : >"$log"
+    begin=$(date +%s)
+    printf '%s ... ' "$text"
+    # Watches from behind, so that an interrupt reaches the command itself.
+    if [ -t 1 ]; then
+        while sleep 1 && kill -0 $$ 2>/dev/null; do
+            printf '\r%s ... %s \033[K' "$text" "$("$count" "$log")"
+        done &
+        watcher=$!
+    fi
+    status=0
+    "$@" </dev/null >"$log" 2>&1 || status=$?
+    if [ -t 1 ]; then
+        kill "$watcher" 2>/dev/null || :
+        wait "$watcher" 2>/dev/null || :
+        printf '\r%s ... \033[K' "$text"
+    fi
+    if [ "$status" -ne 0 ]; then
+        echo "FAILED; the end of $PWD/$log:"
+        tail -n 12 "$log"
+        return "$status"
+    fi
+    echo "$(($(date +%s) - begin)) s"
+}
+
+apt_install() {
+    # A foreign source that cannot be reached need not matter: whether a package is missing shows next.
+    $as_root apt-get update -q || :
     # Servers that tests start by hand must not be started by their packages.
     policy_added=
     if [ ! -e /usr/sbin/policy-rc.d ] && [ ! -d /run/systemd/system ]; then
@@ -22,14 +56,51 @@ install_packages() {
         $as_root chmod +x /usr/sbin/policy-rc.d
         policy_added=yes
     fi
-    $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing
+    installed=0
+    $as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q -o Dpkg::Use-Pty=0 --no-install-recommends \
+        "$@" || installed=$?
     [ -z "$policy_added" ] || $as_root rm -f /usr/sbin/policy-rc.d
+    return "$installed"
+}
+
+apt_count() {
+    awk '/ newly installed, / { all = $3 } /^Get:/ && all { got++ } /^Unpacking / { unpacked++ } /^Setting up / { ready++ }
+         END { if (all) print ready ? "ready: " ready : unpacked ? "unpacked: " unpacked : "fetched: " got + 0, "of", all }' "$1"
+}
+
+# Installs what is missing of some sections, of all without a name.
+install_packages() {
+    missing=$(missing_packages "$@")
+    [ -n "$missing" ] || return 0
+    as_root=
+    if [ "$(id -u)" != 0 ]; then
+        as_root=sudo
+        command -v sudo >/dev/null || { echo "as root, please, or with sudo: apt-get install" $missing >&2; return 1; }
+        sudo -v  # a password is asked for here, not behind the progress
+    fi
+    echo "packages:" $missing
+    # shellcheck disable=SC2086  # one name a word
+    step "installing them and what they need" build/install.log apt_count apt_install $missing
 }
 
 # One preset, all of it or the targets named after it.
 build() {
     [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
     cmake --build "build/$1" -j "$(nproc)" ${2:+--target "$2"} -- --quiet
+}
+
+build_log() {
+    { [ -f "build/$1/build.ninja" ] || cmake --preset "$1"; } && cmake --build "build/$1" -j "$(nproc)" --target "$2"
+}
+
+build_count() { sed -n '$s|^\[\([0-9]*\)/\([0-9]*\)\].*|\1 of \2|p' "$1"; }
+
+# What the demo runs, in the folder that demo_build names: a release build that is there already, else one of its own
+# with nothing else in it.
+build_demo() {
+    demo_build=build/demo
+    [ ! -f build/release/build.ninja ] || demo_build=build/release
+    step "building the daemon and its stand-ins" build/build.log build_count build_log "${demo_build#build/}" demo_programs
 }
 
 # Tests of one preset: every case a line in ctest, failures with their output.  A test that a busy machine kept from
