@@ -1,5 +1,6 @@
 // The replies of the fifteen methods.  The status of every request is 0; callers read the outcome from
-// "success".
+// "success".  Without memory for the reply the request ends with UBUS_STATUS_UNKNOWN_ERROR and no reply,
+// which is logged.
 #pragma once
 extern "C" {
 #include <libubox/blobmsg.h>
