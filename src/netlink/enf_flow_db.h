@@ -25,8 +25,8 @@ extern "C" {
 
 struct capture_flow_info;
 
-// Addresses in network byte order, ports in host byte order.  Keys compare as bytes, so the padding belongs
-// to the key and stays zero.
+// Addresses in network byte order, ports in host byte order.  Keys compare as the bytes of these fields; what
+// comes after the protocol is no part of the order, as a queue entry has data of its own there.
 struct AmEnfKey4 {
     uint32_t fst_ip, secnd_ip;
     uint16_t fstPort, scndPort;
@@ -63,7 +63,7 @@ extern std::atomic<uint64_t> amFlowCounter, amFlowCounter6;  // records ever ins
 extern uloop_timeout amEnfFlowDbTimer;
 extern int amEnfFlowDbTimerActive;
 
-// Comparators: bytewise over the key.
+// Comparators: bytewise over the key, up to its protocol.
 int amEnf_key4_compare(const RbtNode *a, const RbtNode *b);
 int amEnf_key6_compare(const RbtNode *a, const RbtNode *b);
 

@@ -1,5 +1,6 @@
-// The handlers of the fifteen methods.  Each writes the request to the request log, answers through reply.h
-// exactly once, and returns 0.  Messages are untrusted.  Event-loop thread.
+// The handlers of the fifteen methods.  Each writes the request to the request log, answers through reply.h,
+// and returns 0.  The caller gets one answer; an upload that cannot be started after it sends another, which
+// only the request log shows.  Messages are untrusted.  Event-loop thread.
 #pragma once
 extern "C" {
 #include <libubox/blobmsg.h>
