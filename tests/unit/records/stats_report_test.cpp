@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr char kCountWarning[] = "Warning: The ACTUAL report number is not equals to REPORT_NUM value!\n";
+constexpr char kCountWarning[] =
+    "[ERROR]: Warning: The ACTUAL report number is not equals to REPORT_NUM value!\n";
 
 class StatsReport : public RecordsTest {
   protected:

@@ -156,18 +156,18 @@ TEST_F(RequestLog, StandardErrorTakesThePlaceOfAFileThatCannotBeOpened) {
 }
 
 TEST_F(RequestLog, MessageThatWouldOverrunTheFormattersStackIsLeftOut) {
-    Message message("{}");
-    for (int level = 0; level < 50000; level++) (void)blobmsg_open_nested(&message.buffer(), "", true);
-    // Closed by hand: the outermost container, and each below it.
-    blob_attr *outer = static_cast<blob_attr *>(message.buffer().buf);
-    const auto total = static_cast<uint32_t>(50000 * 8 + 4);
-    for (uint32_t i = 0; i <= 50000; i++) {
-        auto *at =
-            reinterpret_cast<blob_attr *>(reinterpret_cast<char *>(outer) + (i == 0 ? 0 : 4 + (i - 1) * 8));
-        blob_set_raw_len(at, i == 0 ? total : total - 4 - (i - 1) * 8);
+    log("{}");
+    for (const int levels : {63, 64, 50'000}) {
+        Message message("{}");
+        std::vector<void *> open;
+        while (std::ssize(open) < levels) open.push_back(blobmsg_open_nested(&message.buffer(), "", true));
+        for (; !open.empty(); open.pop_back()) blob_nest_end(&message.buffer(), open.back());
+        const size_t before = text().size();
+        log_.forget();
+        log_ubus_msg(message.get());
+        EXPECT_EQ(text().size() > before, levels == 63) << levels;
+        EXPECT_EQ(log_.has("[ERROR]: log_ubus_msg:"), levels != 63) << levels;
     }
-    log_ubus_msg(outer);
-    EXPECT_TRUE(log_.has("[ERROR]: log_ubus_msg:"));
 }
 
 }  // namespace
