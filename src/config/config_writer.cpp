@@ -67,20 +67,20 @@ cJSON *groupMembers(const AmAppGrp &group) {
 }
 
 // A list's flag, in an entry of the array and in a group.
-struct List {
+struct SavedList {
     uint8_t AmActiveApp::*ofApp;
     uint8_t AmAppGrp::*ofGroup;
 };
-constexpr List kMonitoring{&AmActiveApp::isMonitoring, &AmAppGrp::isMonitoring};
-constexpr List kEnforcement{&AmActiveApp::isEnforcement, &AmAppGrp::isEnforcement};
+constexpr SavedList kSavedMonitoring{&AmActiveApp::isMonitoring, &AmAppGrp::isMonitoring};
+constexpr SavedList kSavedEnforcement{&AmActiveApp::isEnforcement, &AmAppGrp::isEnforcement};
 
-bool coveredByGroup(const AmActiveApp &app, const List &list) {
+bool coveredByGroup(const AmActiveApp &app, const SavedList &list) {
     if (!app.isPartOfGroup) return false;
     const AmAppGrp *const group = amFindGrpNode(&amAppGrpTree, Terminated(app.grpName).text);
     return group && group->*list.ofGroup;
 }
 
-cJSON *listApplications(const List &list) {
+cJSON *listApplications(const SavedList &list) {
     Json applications(cJSON_CreateArray());
     if (!applications) return nullptr;
     for (uint32_t appId = 0; appId < amMaxAppIdCount; appId++) {
@@ -91,7 +91,7 @@ cJSON *listApplications(const List &list) {
     return applications.release();
 }
 
-cJSON *listGroups(const List &list) {
+cJSON *listGroups(const SavedList &list) {
     Json groups(cJSON_CreateArray());
     if (!groups) return nullptr;
     for (const AmAppGrp *group = firstGroup(); group; group = nextGroup(group))
@@ -101,7 +101,7 @@ cJSON *listGroups(const List &list) {
     return groups.release();
 }
 
-cJSON *listConfig(const List &list) {
+cJSON *listConfig(const SavedList &list) {
     Json object(cJSON_CreateObject());
     if (!object || !addMember(object.get(), "appList", listApplications(list)) ||
         !addMember(object.get(), "appGroup", listGroups(list)))
@@ -144,11 +144,11 @@ cJSON *amWriteGroupConfig() {
 }
 
 cJSON *amWriteMonitorConfig() {
-    return listConfig(kMonitoring);
+    return listConfig(kSavedMonitoring);
 }
 
 cJSON *amWriteEnforcementConfig() {
-    return listConfig(kEnforcement);
+    return listConfig(kSavedEnforcement);
 }
 
 void amWriteConfigToFile() {

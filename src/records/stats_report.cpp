@@ -173,7 +173,7 @@ void logReport(const Report<V6> &report) {
 }
 
 template <class Ip>
-void handleReport(const ReportAttrs &attrs) {
+void recordReport(const ReportAttrs &attrs) {
     const Report<Ip> report(attrs);
     if (Ip::index() >= kReportQueueSize) (void)amWriteEnfFlowRecordToFile();
 
@@ -192,7 +192,7 @@ int stats_report_cb4(const ReportAttrs &attrs) {
         perror("incomplete state message");
         return MNL_CB_OK;
     }
-    handleReport<V4>(attrs);
+    recordReport<V4>(attrs);
     return MNL_CB_OK;
 }
 
@@ -203,12 +203,12 @@ int stats_report_cb6(const ReportAttrs &attrs) {
         return MNL_CB_OK;
     }
     amLog(AM_LOG_DEBUG, "stats_report_cb6 DPI_STA_R_A_FIRST_IPV6 \n");
-    handleReport<V6>(attrs);
+    recordReport<V6>(attrs);
     return MNL_CB_OK;
 }
 
 // Enters one nested attribute into the table; numbers that this daemon does not know are passed over.
-int reportAttr(const nlattr *attr, void *table) {
+int collectAttr(const nlattr *attr, void *table) {
     if (mnl_attr_type_valid(attr, kMaxAttr) < 0) return MNL_CB_OK;
     const uint16_t number = mnl_attr_get_type(attr);
     if (kAttrTypes[number] != MNL_TYPE_UNSPEC && mnl_attr_validate(attr, kAttrTypes[number]) < 0) {
@@ -219,9 +219,9 @@ int reportAttr(const nlattr *attr, void *table) {
     return MNL_CB_OK;
 }
 
-int handleReportAttr(const nlattr *attr, uint16_t &count) {
+int parseReport(const nlattr *attr, uint16_t &count) {
     ReportAttrs attrs{};
-    if (mnl_attr_parse_nested(attr, reportAttr, &attrs) < 0) return MNL_CB_ERROR;
+    if (mnl_attr_parse_nested(attr, collectAttr, &attrs) < 0) return MNL_CB_ERROR;
     if (!attrs[DPI_STA_R_A_IP_TYPE]) {
         perror("incomplete state message");
         amLog(AM_LOG_DEBUG, "%s:%d stats_report_cb \n", "stats_report_cb", __LINE__);
@@ -247,7 +247,7 @@ int stats_report_cb(const nlattr *attr, void *expected) {
             return MNL_CB_OK;
         case DPI_STA_A_REPORT:
             if (mnl_attr_validate(attr, MNL_TYPE_NESTED) < 0) break;
-            return handleReportAttr(attr, count);
+            return parseReport(attr, count);
         default:
             return MNL_CB_OK;
     }

@@ -28,10 +28,10 @@ struct ExportMethod {
     ExportFile old;  // rotated; uploaded as well when it exists
 };
 
-constexpr ExportMethod kEnforcement{
+constexpr ExportMethod kEnforcementExport{
     {kSlotEnf, kEnfRecords, "Failed to upload the enforcement stats file"},
     {kSlotEnfOld, kEnfRecordsOld, "Failed to upload the enforcement old stats file"}};
-constexpr ExportMethod kMonitoring{
+constexpr ExportMethod kMonitoringExport{
     {kSlotMon, kMonRecords, "Failed to upload appmon_monitor_flow_records.csv file"},
     {kSlotMonOld, kMonRecordsOld, "Failed to upload the app-records old stats file"}};
 
@@ -70,9 +70,9 @@ int serve(const ExportMethod &method, ubus_request_data *req, const blob_attr *m
 }  // namespace
 
 int GETavDpiStats(ubus_context *, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
-    return serve(kEnforcement, req, msg);
+    return serve(kEnforcementExport, req, msg);
 }
 
 int GETavAppMonStats(ubus_context *, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
-    return serve(kMonitoring, req, msg);
+    return serve(kMonitoringExport, req, msg);
 }

@@ -23,33 +23,33 @@ bool isAppGroup(const Member &member) {
 }
 
 int group_parse_app(const char *grpName, const Member &app) {
-    bool sound = app.isContainer();
+    bool wellFormed = app.isContainer();
     Member member;
-    for (Members members = Members::of(app); sound && members.next(member);) {
+    for (Members members = Members::of(app); wellFormed && members.next(member);) {
         if (strcmp(member.name, "appName") == 0) {
             if (amAddAppToGrp(grpName, member.text()) != 1) return -1;
         } else {
-            sound = strcmp(member.name, "appId") == 0;
+            wellFormed = strcmp(member.name, "appId") == 0;
         }
     }
-    if (sound) return 0;
+    if (wellFormed) return 0;
     amLog(AM_LOG_ERROR, "%s:%d Invalid Group Config received\n", __func__, __LINE__);
     return -1;
 }
 
 // An entry that fails does not keep the group's other applications out, but ends the walk after this group.
 int group_parse_group(const Member &groups) {
-    bool sound = groups.isContainer();
+    bool wellFormed = groups.isContainer();
     Member group;
-    for (Members members = Members::of(groups); sound && members.next(group);) {
-        sound = group.type == BLOBMSG_TYPE_ARRAY;
+    for (Members members = Members::of(groups); wellFormed && members.next(group);) {
+        wellFormed = group.type == BLOBMSG_TYPE_ARRAY;
         bool failed = false;
         Member app;
-        for (Members apps = Members::of(group); sound && apps.next(app);)
+        for (Members apps = Members::of(group); wellFormed && apps.next(app);)
             if (group_parse_app(group.name, app) != 0) failed = true;
         if (failed) return -1;
     }
-    if (sound) return 0;
+    if (wellFormed) return 0;
     amLog(AM_LOG_ERROR, "%s:%d Invalid Group Configuration received", __func__, __LINE__);
     return -1;
 }

@@ -13,23 +13,23 @@ namespace {
 using am::Member;
 using am::Members;
 
-struct ListTexts {
+struct ListOps {
     uint32_t listType;
     int (*clear)();
     void (*dump)();
     const char *appsFailed;
     const char *groupsFailed;
 };
-constexpr ListTexts kMonitoring{AM_LIST_MONITORING, amClearAppMonList, debugPrintMonAppList,
-                                "Adding App to Monitor List Failed", "Adding grp to Monitor List Failed"};
-constexpr ListTexts kEnforcement{AM_LIST_ENFORCEMENT, amClearAppEnfList, debugPrintEnfAppList,
-                                 "Adding App to Enforcement List Failed",
-                                 "Adding grp to Enforcement List Failed"};
+constexpr ListOps kMonitoringOps{AM_LIST_MONITORING, amClearAppMonList, debugPrintMonAppList,
+                                 "Adding App to Monitor List Failed", "Adding grp to Monitor List Failed"};
+constexpr ListOps kEnforcementOps{AM_LIST_ENFORCEMENT, amClearAppEnfList, debugPrintEnfAppList,
+                                  "Adding App to Enforcement List Failed",
+                                  "Adding grp to Enforcement List Failed"};
 
 constexpr char kUnknownKey[] = "Invalid configuration received from ubus\n";
 
 struct ListMethod {
-    const ListTexts &list;
+    const ListOps &list;
     bool clearFirst;  // the request replaces the list; otherwise it adds to it
     const char *unknownKey = kUnknownKey;
 };
@@ -48,13 +48,13 @@ int applist_parse_each_app(const Member &app, uint32_t listType) {
 }
 
 int applist_parse_apps(const Member &apps, uint32_t listType) {
-    bool sound = apps.isContainer();
+    bool wellFormed = apps.isContainer();
     Member app;
-    for (Members members = Members::of(apps); sound && members.next(app);) {
-        sound = app.type == BLOBMSG_TYPE_TABLE;
-        if (sound && applist_parse_each_app(app, listType) != 0) return -1;
+    for (Members members = Members::of(apps); wellFormed && members.next(app);) {
+        wellFormed = app.type == BLOBMSG_TYPE_TABLE;
+        if (wellFormed && applist_parse_each_app(app, listType) != 0) return -1;
     }
-    if (sound) return 0;
+    if (wellFormed) return 0;
     amLog(AM_LOG_ERROR, "%s:%d Invalid Configuration received from ubus", __func__, __LINE__);
     return -1;
 }
@@ -73,7 +73,7 @@ int addGroups(const Member &groups, uint32_t listType) {
 
 // The text that the request fails with, null when all of it was applied.  What was applied stays.
 const char *applyList(const ListMethod &method, const char *name, const blob_attr *msg) {
-    const ListTexts &list = method.list;
+    const ListOps &list = method.list;
     Member member;
     for (Members members = Members::ofMessage(msg); members.next(member);) {
         if (strcmp(member.name, "appList") == 0) {
@@ -105,17 +105,17 @@ int serve(const ListMethod &method, const char *name, ubus_request_data *req, co
 
 int CREATEavAppMonAppList(ubus_context *, ubus_object *, ubus_request_data *req, const char *,
                           blob_attr *msg) {
-    return serve({kMonitoring, false}, __func__, req, msg);
+    return serve({kMonitoringOps, false}, __func__, req, msg);
 }
 
 int SETavAppMonAppList(ubus_context *, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
-    return serve({kMonitoring, true, "Invalid Configuration received from ubus"}, __func__, req, msg);
+    return serve({kMonitoringOps, true, "Invalid Configuration received from ubus"}, __func__, req, msg);
 }
 
 int CREATEavDpiAppList(ubus_context *, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
-    return serve({kEnforcement, false}, __func__, req, msg);
+    return serve({kEnforcementOps, false}, __func__, req, msg);
 }
 
 int SETavDpiAppList(ubus_context *, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg) {
-    return serve({kEnforcement, true}, __func__, req, msg);
+    return serve({kEnforcementOps, true}, __func__, req, msg);
 }
