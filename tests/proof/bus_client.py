@@ -81,6 +81,16 @@ def invocation(target, method, data):
             attribute(A_DATA, data))
 
 
+def exactly(connection, count):
+    data = b""
+    while len(data) < count:
+        piece = connection.recv(count - len(data))
+        if not piece:
+            raise ConnectionError("the other side closed the connection")
+        data += piece
+    return data
+
+
 class BusClient:
     """Connects at once; look() finds an object's id."""
 
@@ -103,18 +113,9 @@ class BusClient:
     def __exit__(self, *_):
         self.close()
 
-    def exactly(self, count):
-        data = b""
-        while len(data) < count:
-            piece = self.socket.recv(count - len(data))
-            if not piece:
-                raise ConnectionError("the broker closed the connection")
-            data += piece
-        return data
-
     def receive(self):
-        _, kind, sequence, peer, length = struct.unpack(">BBHII", self.exactly(12))
-        return kind, sequence, peer, self.exactly((length & 0xffffff) - 4)
+        _, kind, sequence, peer, length = struct.unpack(">BBHII", exactly(self.socket, 12))
+        return kind, sequence, peer, exactly(self.socket, (length & 0xffffff) - 4)
 
     def send(self, kind, peer, payload):
         self.sequence = self.sequence % 65535 + 1

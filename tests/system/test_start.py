@@ -7,7 +7,7 @@ import unittest
 
 import case
 import world
-from broker import Broker, invocation
+from broker import Broker
 
 LOST = "The bus is gone\n"
 
@@ -79,7 +79,7 @@ class Start(case.SystemTest):
                 self.world.start_daemon(wait=False)
                 broker.greet()
                 broker.answer(answered)
-                broker.connection.sendall(broker.request() + invocation(broker.EVENTS, "userconfig.reload"))
+                broker.connection.sendall(broker.request() + broker.call(broker.EVENTS, "userconfig.reload"))
                 if then == "goes on":
                     broker.answer(1)
                 elif then == "dies later":
