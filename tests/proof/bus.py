@@ -1,15 +1,11 @@
-"""A bus that dies, floods, nests and lies."""
-import contextlib
-import random
+"""A bus that dies, floods and nests."""
 import signal
 import struct
 import threading
-import time
 
 import world
-from broker import Broker
 from proof.base import client, fault
-from proof.bus_client import ARRAY, HELLO, INVOKE, STATUS, STRING, TABLE, BusClient, attribute, member, members, message, padded
+from proof.bus_client import ARRAY, member, members
 
 
 @fault
@@ -97,50 +93,6 @@ def clients_at_once(run):
 
 
 @fault
-def requests_odd(run):
-    """members of other types than the method has, unnamed, doubled, cut, with lengths beyond the message; 3,000 at random
-
-    answers, or the bus drops the message; another kit installs and packets are judged
-    """
-    run.configured()
-    methods = ("CREATEavAppGroup", "SETavAppGroup", "DELETEavAppGroup", "CREATEavDpiAppList", "SETavAppMonAppList",
-               "SETappMonClearConfig", "SETappMonActivateAppList", "SetavDebugSettings", "GETavDpiStats",
-               "SETappMonAdminState", "SETappMonUpdateSignatureFile", "CREATEavSignatureProfile")
-    odd = [b"", b"\0", attribute(0, b""), attribute(TABLE, b"abc"), attribute(TABLE, b"", extended=True),
-           attribute(ARRAY, struct.pack(">H", 60000) + b"appList\0", extended=True),
-           attribute(STRING, padded(struct.pack(">H", 2) + b"ids"), extended=True), struct.pack(">I", 0x83ffffff) + bytes(20),
-           member("appList", {"appName": "Mail"}), member("appList", [["Mail"]]), member("appList", ["Mail", 7, {}]),
-           member("appGroup", [1]), member("appGroup", {"": [{"appName": ""}]}), member("appGroup", {"g" * 500: []}),
-           member("ids", ["x" * 5000]), member("appList", [{"appName": "N" * 5000}]), member("username", "u" * 100000),
-           member("logLevel", 7), member("debugPrintDb", "\xff\xfe\x01"), member("", "x") * 100,
-           attribute(STRING, padded(struct.pack(">H", 8) + b"logLevel\0") + b"no end", extended=True)]
-    connection = [BusClient()]
-
-    def send(method, data):
-        run.provoke()
-        try:
-            connection[0].answer(connection[0].ask(method, data))
-        except (OSError, ConnectionError, StopIteration, TimeoutError):
-            run.check(run.daemon.running(), f"{method}: {run.how_it_ended()}")
-            connection[0].close()
-            connection[0] = BusClient()
-    for data in odd:
-        for method in methods[:9]:
-            send(method, data)
-    chance = random.Random(3)
-    good = members({"appGroup": {"g": [{"appName": "Mail"}]}, "ids": ["g"], "appList": [{"appName": "Chat"}]})
-    for _ in range(run.often(3000, 30000)):
-        data = bytearray(good)
-        for _ in range(chance.randrange(1, 5)):
-            data[chance.randrange(len(data))] = chance.choice((0, 1, 3, 0x7f, 0x80, 0xff, chance.randrange(256)))
-        send(methods[chance.randrange(5)], bytes(data[:chance.randrange(len(data) + 1)]))
-    connection[0].close()
-    run.serving()
-    run.install_kit(version="5.0", apps={1: "Mail"})
-    run.judging(1000)
-
-
-@fault
 def messages_large(run):
     """requests of nearly 1 MiB: one text, 20,000 applications, 10,000 groups; nested 2 to 80,000 levels deep
 
@@ -173,42 +125,3 @@ def messages_large(run):
     run.call("SETappMonClearConfig", {"clearConfig": "yes"})
     run.serving()
     run.judging(1000)
-
-
-@fault
-def broker_hostile(run):
-    """a broker that sends messages cut at every byte, wrong lengths, foreign answers, 10,000 random bytes, or nothing
-
-    passes over them or gives the connection up, and runs on; ends in order when it is told to
-    """
-    run.configured()
-    settings = run.lists()
-    run.daemon.stop()
-    run.bus.stop()
-    saved = world.CONFIG.read_bytes()
-    world.CONFIG.unlink()  # without a kit to install it starts in no time
-    chance = random.Random(9)
-    whole = Broker.call(Broker.DPI, "SETavDpiAppList", members({"appList": [{"appName": "Mail"}]}))
-    attacks = [whole[:length] for length in range(1, len(whole), run.often(9, 1))]
-    attacks += [struct.pack(">BBHII", 0, kind, 1, 1, length) + b"x" * 64 for kind in (2, 5, 13, 255)
-                for length in (0, 3, 68, 0xffffff, 0x80000044, 0xffffffff)]
-    attacks += [message(INVOKE, 1, 1, chance.randbytes(400)) for _ in range(run.often(20, 500))]
-    attacks += [chance.randbytes(10000), message(STATUS, 77, 1, b""), message(HELLO, 0, 0, b"") * 50]
-    for attack in attacks:
-        with Broker() as broker:
-            run.start_daemon(wait=False)
-            broker.greet()
-            broker.answer(3)
-            broker.connection.sendall(attack)
-            run.provoke()
-            with contextlib.suppress(OSError):
-                broker.connection.settimeout(0.03)
-                broker.connection.recv(65536)
-        time.sleep(0.02)
-        run.check(run.daemon.running() and run.daemon.stop() == 0, run.how_it_ended())
-    world.CONFIG.write_bytes(saved)
-    run.start_bus()
-    run.start_daemon()
-    if run.lists() != settings:
-        run.lost("saved settings")
-    run.accepted("the bus: it does not connect again")

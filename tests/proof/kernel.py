@@ -148,80 +148,6 @@ def bursts_during_walks(run):
 
 
 @fault
-def packets_cut(run):
-    """a packet message cut at every byte, with its true length and with its whole length, in the ring and as COPY
-
-    passes over what does not fit; the next whole message is judged
-    """
-    run.configured()
-    kernel = Kernel(run)
-    whole = message(23, attribute(1, udp(1)))
-    for length in range(len(whole)):
-        kernel.send(whole[:length] if length else b"\0")
-        if length >= 16:
-            kernel.send(struct.pack("=I", length) + whole[4:length])
-            run.module.command("inject-copy " + whole[:length].hex())
-            run.provoke()
-    for length in (0, 1, 4, 15, 16, 17, 4095, 65535, 0x7fffffff, 0xffffffff):
-        kernel.send(struct.pack("=I", length) + whole[4:])
-    for length in (0, 1, 3, 4, 5, 200, 65535):
-        kernel.send(message(23, struct.pack("=HH", length, 1) + udp(2)))
-    kernel.still_judges()
-    run.check(kernel.ended == 0, f"{kernel.ended} ended it")
-
-
-@fault
-def packets_odd(run):
-    """packet messages with unknown, doubled, empty and no attributes; packets cut at every byte; 20,000 random ones
-
-    passes over or judges what there is; the next good packet is judged
-    """
-    run.configured()
-    kernel = Kernel(run)
-    whole = udp(3)
-    for odd in (message(23), message(23, attribute(1, b"")), message(23, attribute(2, b"x")),
-                message(23, attribute(2, b"x"), attribute(1, whole)), message(23, attribute(1, whole), attribute(1, whole)),
-                message(23, attribute(1, whole), attribute(99, whole)), message(77, attribute(1, whole)),
-                message(1), message(4), message(3, bytes(4))):
-        kernel.send(odd)
-    for length in range(len(whole)):
-        kernel.send(message(23, attribute(1, whole[:length])))
-    chance, batch = random.Random(6), []
-    for _ in range(20000):
-        head = chance.choice((0x45, 0x4f, 0x60, 0x00, 0xff, 0x40))
-        batch.append(message(23, attribute(1, bytes([head]) + chance.randbytes(chance.randrange(80)))))
-        if sum(map(len, batch)) > 3500:
-            run.module.command("inject-hex " + b"".join(batch).hex())
-            run.provoke(len(batch))
-            batch = []
-            if run.provoked % 10 == 0:
-                run.module.command("wait 10000")
-    run.module.command("wait 30000")
-    kernel.still_judges()
-    run.check(kernel.ended == 0, f"{kernel.ended} ended it")
-
-
-@fault
-def reports_cut(run):
-    """a statistics message cut at every byte, with its true length and with its whole length
-
-    passes over it, or ends with status 1 and "mnl_cb_run: " and starts cleanly again
-    """
-    run.start("--report-interval", "0")  # without a kit: it starts in no time
-    kernel = Kernel(run)
-    whole = statistics(report(1), report(2))
-    step = run.often(2, 1)
-    for length in range(1, len(whole), step):
-        kernel.send(whole[:length], control=True)
-        if length >= 16:
-            kernel.send(struct.pack("=I", length) + whole[4:length], control=True)
-    run.check(kernel.survived > 0, "none survived")
-    run.afresh()
-    run.configured()
-    Kernel(run).still_judges()
-
-
-@fault
 def reports_odd(run):
     """reports with missing, short, long, doubled, unknown attributes, other counts, of unknown flows, random ones
 
@@ -248,24 +174,6 @@ def reports_odd(run):
     run.report()
     run.flush()
     run.unwritten_ports({port_of(flow) for flow in range(5000, 5050)})
-
-
-@fault
-def fatal(run):
-    """netlink errors, foreign port ids and interrupted dumps on either socket
-
-    ends with status 1 and its text, as told to; started again it judges and has its settings
-    """
-    run.configured()
-    settings = run.lists()
-    error = struct.pack("=IHHII", 36, 2, 0, 0, 0) + struct.pack("=i", -22) + bytes(16)
-    for data in (error, message(23, attribute(1, udp(1)), port=4711), message(23, attribute(1, udp(1)), flags=0x10)):
-        for control in (False, True):
-            run.check(not Kernel(run).send(data, control), "it went on")
-            run.provoke(0)
-            if run.lists() != settings:
-                run.lost("saved settings")
-    run.judging(70000)
 
 
 @fault

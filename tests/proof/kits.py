@@ -1,6 +1,5 @@
-"""Engines with missing parts and bad habits, hostile archives, absurd indexes."""
+"""Hostile and large archives."""
 import io
-import os
 import pathlib
 import tarfile
 import time
@@ -53,68 +52,6 @@ def well_again(run, first):
     run.call("SETavDpiAppList", {"appList": [{"appName": "Mail"}]})
     run.judging(first)
     run.check(run.module.stats()["matches"] > 0, "no match with the good kit")
-
-
-@fault
-def engines_incomplete(run):
-    """engines without a start, packet or exit entry, one that cannot be opened, none at all, one of random bytes
-
-    logs it and serves on without verdicts, or with what the engine has; the next kit works
-    """
-    run.configured()
-    for number, engine in enumerate(("no_start", "no_packet", "no_exit", "unresolved")):
-        run.install_kit(engine=engine, apps=APPS, version=f"1.{number}")
-        run.enable()
-        run.module.command(f"generate flows=20 packets=40 first={number * 20} ports=10001")
-        run.module.command("wait 10000")
-        run.provoke()
-        run.serving()
-    world.make_kit(apps=APPS, without="lib")
-    install(run)
-    run.provoke()
-    archive(good_members(**{"lib/ni/libcapture.so": os.urandom(10000)}))
-    install(run)
-    run.check("dl open Failure" in run.log(), "the broken library is not told")
-    run.provoke()
-    well_again(run, 1000)
-
-
-@fault
-def engine_blocks(run):
-    """an engine that takes two seconds for a packet, while requests come, and when its kit is replaced
-
-    answers requests meanwhile; the replacement waits for the packet
-    """
-    run.configured(engine="blocking")
-    run.module.command("generate flows=2 packets=2 ports=10001")
-    run.provoke(2)
-    for _ in range(20):
-        began = time.monotonic()
-        run.settle()
-        run.check(time.monotonic() - began < 1.5, "a request waited for the engine")
-    run.module.command("generate flows=3 packets=3 first=10 ports=10001")
-    well_again(run, 1000)
-    run.provoke()
-
-
-@fault
-def engine_reports_late(run):
-    """engines that report from threads of their own, and at their exit, while kits are replaced under traffic
-
-    takes every report while mirroring is on; no engine is entered before its start or after its stop
-    """
-    run.configured(engine="threads")
-    run.module.command("generate flows=20000 packets=100000000 ports=10001,10002 rate=20000")
-    for number, engine in enumerate(("exit_reports", "threads", "handover", "exit_reports", "other_ids", "threads")):
-        run.install_kit(engine=engine, apps=APPS | {501: "Late"}, version=f"2.{number}")
-        run.enable()
-        run.provoke()
-        time.sleep(0.3)
-    run.module.command("stop")
-    run.module.command("wait 30000")
-    violation = world.FLASH / "engine.violation"
-    run.check(not violation.exists(), world.text_of(violation))
-    well_again(run, 900000)
 
 
 @fault
@@ -204,39 +141,3 @@ def archives_large(run):
             path.unlink()
     run.accepted("a refused kit's extraction stays in /var/flash until somebody removes it")
     well_again(run, 1000)
-
-
-@fault
-def indexes_absurd(run):
-    """indexes of 65,536 applications, ids out of range, double names, lines without end, without commas, of zeros
-
-    takes 16 bits of an id and 32 characters of a name, the first id of a double name; memory comes back
-    """
-    run.configured()
-    world.make_kit(numbered="65536:A-", version="3.0")
-    install(run)
-    run.enable()
-    run.provoke()
-    most = run.status("VmRSS")
-    run.call("SETavDpiAppList", {"appList": [{"appName": "A-0"}, {"appName": "A-1"}, {"appName": "A-65535"}]})
-    run.flows(10)
-    run.check(run.module.stats()["matches"] == 10, "the largest index does not match")
-    lines = ["65536,Wrapped,-,-,-,-,-", "-1,Minus,-,-,-,-,-", "99999999999999999999,Huge,-,-,-,-,-", "7,Twice,-,-,-,-,-",
-             "8,Twice,-,-,-,-,-", "9," + "N" * 400 + ",-", ",,,,,,", "nocomma", "10", "11,", "x" * 5000, "12,Zero\0End,-,-,-,-,-",
-             "1,Mail,-,-,-,-,-"]
-    for number, index in enumerate(["\n".join([HEADER.strip(), *lines]) + "\n", HEADER, "", "\n" * 10000, "\0" * 10000]):
-        path = pathlib.Path("/tmp/index.csv")
-        path.write_text(index)
-        world.make_kit(index=path, version=f"4.{number}")
-        install(run)
-        run.enable()
-        run.provoke()
-        if number == 0:
-            run.call("SETavDpiAppList", {"appList": [{"appName": name} for name in ("Wrapped", "Twice", "N" * 32)]})
-            listed = {tuple(line.split()[1:4:2]) for line in run.lists()[1]}
-            run.check(listed == {("0", "Wrapped"), ("7", "Twice"), ("9", "N" * 32)}, f"the index became {listed}")
-        run.module.command(f"generate flows=200 packets=200 first={number * 1000} ports=10001,10007,10008,10009")
-        run.module.command("wait 10000")
-        run.serving()
-    well_again(run, 100000)
-    run.check(run.status("VmRSS") < most + 1024, f"memory grew: {most} kB, then {run.status('VmRSS')} kB")

@@ -108,33 +108,6 @@ def requests(run):
 
 
 @fault
-def bus_library(run):
-    """each allocation that the bus libraries make for such a request, its reply and its log entry fails once
-
-    answers, or runs on without a bus when the library gives its connection up; never a crash
-    """
-    libraries = "libubox:libubus:libblobmsg_json"
-    injector = prepare(run, libraries)
-    settings, alone = run.lists(), 0
-    for number in range(1, 500):
-        injector.arm(number)
-        busy_requests(number)
-        _, failed = injector.disarm()
-        if not failed:
-            break
-        run.provoke()
-        if run.ubus("call", "dpi", "SetavDebugSettings", timeout=2).returncode == 0:
-            continue
-        alone += 1
-        run.check(run.daemon.running() and run.daemon.stop() == 0, f"allocation {number}: {run.how_it_ended()}")
-        run.start_daemon(**daemon_options(libraries))
-        if run.lists() != settings:
-            run.lost("saved settings")
-    run.check(not failed, "more than 500 allocations")
-    run.accepted(f"the bus connection, {alone} times")
-
-
-@fault
 def configuration(run):
     """each allocation of saving the configuration fails once
 

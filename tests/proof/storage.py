@@ -3,9 +3,7 @@ import contextlib
 import os
 import pathlib
 import shutil
-import signal
 import subprocess
-import time
 
 import world
 from proof.base import (APPS, HOURLY, MONITORED, MONITORED_OLD, RECORDS, RECORDS_OLD, fault, port_of)
@@ -464,36 +462,3 @@ def rotation_blocked(run):
     run.flush()
     run.check(RECORDS_OLD.is_file(), "no rotation once the name is free")
     run.unwritten({port_of(flow): 9 for flow in range(180)})
-
-
-@fault
-def killed_in_rotation(run):
-    """kill -9 while the record file is being moved to its old name
-
-    starts again with every line that was written, in one of the two files, and appends to them
-    """
-    for number in range(run.often(6, 40)):
-        if number == 0:
-            run.configured(clock=True)
-        header = world.text_of(RECORDS).splitlines()[:1] or ["h"]
-        RECORDS_OLD.unlink(missing_ok=True)
-        RECORDS.write_text("\n".join(header + ["IPv4," + "x," * 16 + "y"] * 1201) + "\n")
-        run.restart_daemon(clock=True)  # counts the lines anew
-        run.enable()
-        run.flows(1, first=number)
-        run.report()
-        world.CLOCK.write_text(f"+{world.CLOCK.read_text().lstrip('+')}")
-        run.offset += 901
-        world.CLOCK.write_text(f"+{run.offset}")
-        run.ubus("call", "dpi", "SetavDebugSettings", timeout=1)
-        deadline = time.monotonic() + 0.02 + number * 0.004
-        while time.monotonic() < deadline and not RECORDS_OLD.exists():
-            pass
-        run.daemon.send(signal.SIGKILL)
-        run.daemon.wait()
-        run.provoke()
-        kept = sum(text.count("\nIPv4,x") for text in (world.text_of(RECORDS), world.text_of(RECORDS_OLD)))
-        if kept != 1201:
-            run.lost(f"{1201 - kept} written lines")
-        run.start_daemon(clock=True)
-    run.accepted("reports that were queued and not yet written when it was killed")

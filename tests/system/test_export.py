@@ -70,14 +70,26 @@ class Export(case.SystemTest):
         self.exports("GETavDpiStats", server, "ok")
         world.wait_until(lambda: server.requests[-1].path.startswith("/ok/") and server.requests[-1].complete, "one more")
 
+    def test_each_method_sends_its_own_file_and_the_rotated_one(self):
+        server = self.serve(Hostile())
+        for method, name in (("GETavDpiStats", ENFORCED), ("GETavAppMonStats", MONITORED)):
+            contents = {f"/ok/{file}": self.fill(file) for file in (name, name.replace(".csv", "_old.csv"))}
+            self.assertTrue(self.exports(method, server, "ok")["oldFilePresent"])
+            world.wait_until(lambda: len([one for one in server.requests if one.complete]) == len(contents), "both")
+            self.assertEqual({one.path: bytes(one.body) for one in server.requests}, contents)
+            server.requests.clear()
+
     def test_arguments_that_are_missing_or_too_long(self):
         server = self.serve(Hostile())
         self.fill(ENFORCED)
         self.exports("GETavDpiStats", server, "ok", password=None)
         request = server.wait_for(lambda one: one.complete, "the upload")
         self.assertIn("authorization", request.headers)
+        self.exports("GETavDpiStats", server, "ok", username=None, password=None)
+        world.wait_until(lambda: len(server.requests) == 2 and server.requests[-1].complete, "the second upload")
+        self.assertEqual(server.requests[-1].headers["authorization"], "Basic Og==", "nobody, not whoever was before")
         self.exports("GETavDpiStats", server, "ok/" + "d" * 230)
         self.exports("GETavDpiStats", server, "ok/" + "d" * 3000)
         self.exports("GETavDpiStats", server, "ok", username="u" * 5000)
-        world.wait_until(lambda: len(server.requests) >= 2 and server.requests[-1].complete, "the last upload")
-        self.assertEqual(len(server.requests), 2, "an URL that does not fit is refused, never cut")
+        world.wait_until(lambda: len(server.requests) >= 3 and server.requests[-1].complete, "the last upload")
+        self.assertEqual(len(server.requests), 3, "an URL that does not fit is refused, never cut")

@@ -1,12 +1,15 @@
-// Event loop: order of timers and descriptors, hang-up, edges, signals.
+// Event loop: what the daemon relies on at hang-up, at edges, and of a signal before its run.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
 
-#include "support.h"
+#include <gtest/gtest.h>
+
+#include "libubox/uloop.h"
 
 namespace {
 
@@ -80,44 +83,7 @@ class BusLoop : public testing::Test {
     std::string order;
 };
 
-void nothing(int) {}
-
 }  // namespace
-
-TEST_F(BusLoop, TimersRunInDueOrder) {
-    Timer late([&] { order += 'l'; });
-    Timer first([&] { order += '1'; });
-    Timer second([&] { order += '2'; });
-    Timer past([&] { order += 'p'; });
-    late.set(3);
-    first.set(0);
-    second.set(0);
-    past.set(-20);
-    Timer end([&] { uloop_end(); });
-    end.set(4);
-    EXPECT_LT(uloop_timeout_remaining64(&past.timeout), 0);
-    EXPECT_EQ(uloop_get_next_timeout(), 0);
-    uloop_run();
-    EXPECT_EQ(order, "p12l");
-    EXPECT_EQ(uloop_timeout_remaining64(&late.timeout), -1);
-    EXPECT_EQ(uloop_get_next_timeout(), -1);
-}
-
-TEST_F(BusLoop, DeletedDescriptorLosesItsFetchedEvent) {
-    Watched first;
-    Watched second;
-    first.onEvent = [&](unsigned int) {
-        first.drain();
-        uloop_fd_delete(&second.sock);
-    };
-    for (Watched *pipe : {&first, &second}) {
-        uloop_fd_add(&pipe->sock, ULOOP_READ);
-        pipe->feed();
-    }
-    for (int i = 0; i < 4; i++) uloop_run_timeout(0);
-    EXPECT_EQ(first.calls, 1);
-    EXPECT_EQ(second.calls, 0);
-}
 
 TEST_F(BusLoop, HangUpRemovesTheDescriptorBeforeItsLastCallback) {
     Watched pipe;
@@ -155,23 +121,6 @@ TEST_F(BusLoop, WhoAsksForErrorsKeepsItsDescriptor) {
     EXPECT_FALSE(pipe.sock.error);
     uloop_run_timeout(0);
     EXPECT_EQ(pipe.calls, 5);
-}
-
-TEST_F(BusLoop, HalfCloseIsEndOfFileWithoutError) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    uloop_fd sock{};
-    sock.fd = ends[0];
-    sock.cb = [](uloop_fd *u, unsigned int) { EXPECT_TRUE(u->eof && !u->error && u->registered); };
-    uloop_fd_add(&sock, ULOOP_READ);
-    shutdown(ends[1], SHUT_WR);
-    uloop_run_timeout(0);
-    EXPECT_TRUE(sock.eof);
-    EXPECT_EQ(uloop_fd_add(&sock, ULOOP_WRITE), 0);
-    EXPECT_FALSE(sock.eof);
-    uloop_fd_delete(&sock);
-    close(ends[0]);
-    close(ends[1]);
 }
 
 TEST_F(BusLoop, EdgesAreReportedOnceAndRememberedInNestedRuns) {
@@ -212,54 +161,4 @@ TEST_F(BusLoop, EachRunForgetsWhatCameBefore) {
     check.action = [] { uloop_end(); };
     check.set(0);
     EXPECT_EQ(uloop_run(), 0);
-}
-
-TEST_F(BusLoop, SignalWakesAWaitingLoop) {
-    // From another thread, so that it is the pipe that wakes the loop and not an interrupted wait.
-    const pthread_t runner = pthread_self();
-    sigset_t term;
-    sigemptyset(&term);
-    sigaddset(&term, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &term, nullptr);
-    pthread_t other;
-    pthread_create(
-        &other, nullptr,
-        [](void *mask) -> void * {
-            usleep(2000);
-            pthread_sigmask(SIG_UNBLOCK, static_cast<sigset_t *>(mask), nullptr);
-            raise(SIGTERM);
-            return nullptr;
-        },
-        &term);
-    EXPECT_EQ(uloop_run(), SIGTERM);
-    pthread_join(other, nullptr);
-    pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
-    EXPECT_TRUE(pthread_equal(runner, pthread_self()));
-}
-
-TEST(BusLoopSignals, OnlyDefaultActionsAreTaken) {
-    const auto action = [](int number) {
-        struct sigaction current {};
-        sigaction(number, nullptr, &current);
-        return current.sa_handler;
-    };
-    signal(SIGINT, nothing);
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGCHLD, SIG_DFL);
-    signal(SIGPIPE, SIG_DFL);
-    ASSERT_EQ(uloop_init(), 0);
-    EXPECT_EQ(action(SIGINT), nothing);
-    EXPECT_NE(action(SIGTERM), SIG_DFL);
-    EXPECT_EQ(action(SIGCHLD), SIG_DFL);
-    EXPECT_EQ(action(SIGPIPE), SIG_IGN);
-    signal(SIGINT, SIG_DFL);
-    ASSERT_EQ(uloop_init(), 0);  // looks again
-    EXPECT_NE(action(SIGINT), SIG_DFL);
-    signal(SIGINT, nothing);
-    uloop_done();
-    EXPECT_EQ(action(SIGINT), nothing);
-    EXPECT_EQ(action(SIGTERM), SIG_DFL);
-    EXPECT_EQ(action(SIGPIPE), SIG_IGN);
-    signal(SIGINT, SIG_DFL);
-    signal(SIGPIPE, SIG_DFL);
 }

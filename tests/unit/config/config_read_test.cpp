@@ -168,25 +168,6 @@ TEST_F(ConfigRead, FileCutAnywhereAppliesNothing) {
     EXPECT_EQ(mirroring(), 1) << "only the line end is missing";
 }
 
-// Each byte in turn replaced: whatever is read, nothing breaks.
-TEST_F(ConfigRead, DamagedFileIsHarmless) {
-    configureOffice();
-    const std::string text = written();
-    for (size_t at = 0; at < text.size(); at++)
-        for (const char byte : {'\0', '"', '\\', '}', ']', '5', '\xff'}) {
-            std::string damaged = text;
-            damaged[at] = byte;
-            forgetEverything();
-            // No kit is to be installed again and again.
-            const size_t force = damaged.find("force");
-            if (force != std::string::npos) damaged[force] = 'F';
-            load(damaged);
-        }
-    forgetEverything();
-    load(text);
-    EXPECT_EQ(mirroring(), 1);
-}
-
 TEST_F(ConfigRead, KitIsInstalledWhereTheProfileAsksForIt) {
     const struct {
         const char *name;

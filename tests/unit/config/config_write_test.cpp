@@ -206,32 +206,4 @@ TEST_F(ConfigWrite, FullDiskKeepsTheFileThatWasThere) {
     EXPECT_EQ(written().size(), size);
 }
 
-// Killed at any moment, the daemon leaves the old file or the new one.
-TEST_F(ConfigWrite, KillNeverLeavesHalfAFile) {
-    configureOffice();
-    const std::string one = written();
-    reloadSignFile = 0;
-    amClearAppEnfList();
-    const std::string other = written();
-    std::mt19937 random(5);
-    for (int round = 0; round < 100; round++) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            for (bool office = true;; office = !office) {
-                reloadSignFile = office;
-                office ? amAddGrpToAppList("office", AM_LIST_ENFORCEMENT) : amClearAppEnfList();
-                amWriteConfigToFile();
-            }
-        }
-        usleep(static_cast<useconds_t>(random() % 3000));
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        const std::string text = fileText();
-        ASSERT_TRUE(text == one || text == other) << text;
-    }
-    written();
-    EXPECT_EQ(filesInFolder(), Files{"dpi.conf"});
-}
-
 }  // namespace

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
-#include "packet_source.h"
-
 using namespace dpimod;
 
 namespace {
@@ -15,10 +13,6 @@ Bytes hex(const std::string &text) {
 
 // 10.0.0.1:1025 -> 10.0.0.2:53, UDP, two bytes.
 const std::string kIp4 = "4500001e00000000401100000a0000010a000002 04010035000a0000 abcd";
-// fd00::1 -> fd00::2, TCP 1025 -> 443 with FIN, behind a hop-by-hop header.
-const std::string kIp6 =
-    "60000000001c0040 fd000000000000000000000000000001 fd000000000000000000000000000002"
-    "0600000000000000 040101bb0000000100000000501100000000000 0";
 const std::string kMacs = "020000000001020000000002";
 
 struct LinkRow {
@@ -51,29 +45,6 @@ const std::vector<LinkRow> &linkRows() {
     return rows;
 }
 
-// A capture file of the given link type with the given frames.
-void writePcap(const std::string &path, int linkType, const std::vector<Bytes> &frames,
-               unsigned wireExtra = 0) {
-    pcap_t *dead = pcap_open_dead(linkType, 65535);
-    pcap_dumper_t *out = pcap_dump_open(dead, path.c_str());
-    ASSERT_NE(out, nullptr);
-    for (const Bytes &frame : frames) {
-        pcap_pkthdr header{};
-        header.caplen = static_cast<bpf_u_int32>(frame.size());
-        header.len = header.caplen + wireExtra;
-        pcap_dump(reinterpret_cast<u_char *>(out), &header, frame.data());
-    }
-    pcap_dump_close(out);
-    pcap_close(dead);
-}
-
-std::vector<Bytes> readAll(PacketSource &source, InputCounters &counters) {
-    std::vector<Bytes> packets;
-    for (ByteView ip; source.next(ip, counters) == PacketSource::Next::packet;)
-        packets.emplace_back(ip.begin(), ip.end());
-    return packets;
-}
-
 }  // namespace
 
 TEST(KernelPacket, EveryLinkTypeIsStrippedToTheIpHeader) {
@@ -95,54 +66,4 @@ TEST(KernelPacket, EveryLinkTypeIsStrippedToTheIpHeader) {
                 << length;
         }
     }
-}
-
-TEST(KernelPacket, FlowOfAPacketIsFoundBehindItsHeaders) {
-    const auto udp = inspect(hex(kIp4));
-    ASSERT_TRUE(udp);
-    EXPECT_EQ(addressText(udp->flow.first, 4), "10.0.0.1");
-    EXPECT_EQ(addressText(udp->flow.second, 4), "10.0.0.2");
-    EXPECT_EQ(udp->flow.first.port, 1025);
-    EXPECT_EQ(udp->flow.second.port, 53);
-
-    Bytes options = hex(kIp4);
-    options[0] = 0x46;
-    options.insert(options.begin() + 20, {1, 1, 1, 0});
-    EXPECT_EQ(inspect(options)->flow, udp->flow);
-
-    Bytes fragment = hex(kIp4);
-    fragment[7] = 8;
-    EXPECT_FALSE(inspect(fragment));
-
-    const auto tcp = inspect(hex(kIp6));
-    ASSERT_TRUE(tcp);
-    EXPECT_EQ(tcp->flow.proto, 6);
-    EXPECT_EQ(tcp->flow.second.port, 443);
-    EXPECT_TRUE(tcp->fin);
-    EXPECT_FALSE(tcp->rst);
-}
-
-TEST(KernelCapture, FilesAreReadInTurnAndLooped) {
-    const std::string folder = testing::TempDir();
-    const Bytes packet = hex(kIp4);
-    Bytes frame = hex(kMacs + "0800"), arp = hex(kMacs + "0806");
-    frame.insert(frame.end(), packet.begin(), packet.end());
-    arp.resize(60);
-    const Bytes shortened(frame.begin(), frame.begin() + 40), stub(frame.begin(), frame.begin() + 20);
-    writePcap(folder + "a", DLT_EN10MB, {frame, arp, stub});
-    writePcap(folder + "b", DLT_RAW, {packet});
-    writePcap(folder + "c", DLT_EN10MB, {shortened}, 1000);
-    std::string error;
-    InputCounters counters;
-    const auto source = openFiles({folder + "a", folder + "b", folder + "c"}, 2, error);
-    ASSERT_TRUE(source) << error;
-    const auto packets = readAll(*source, counters);
-    ASSERT_EQ(packets.size(), 6U);
-    EXPECT_EQ(packets[0], packet);
-    EXPECT_EQ(packets[1], packet);
-    EXPECT_EQ(packets[5].size(), 26U);
-    EXPECT_EQ(counters.frames, 10U);
-    EXPECT_EQ(counters.notIp, 2U);
-    EXPECT_EQ(counters.tooShort, 2U);
-    EXPECT_EQ(counters.cut, 2U);
 }

@@ -1,9 +1,6 @@
 #include "wire.h"
 
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
-
-#include <cstring>
 
 #include "packet.h"
 
@@ -27,35 +24,6 @@ Message onlyMessage(const Bytes &bytes) {
     const auto messages = splitDatagram(bytes, problem);
     EXPECT_EQ(problem, "");
     return messages.size() == 1 ? messages[0] : Message{};
-}
-
-FlowReport sampleReport(bool v6) {
-    FlowReport report;
-    report.flow.version = v6 ? 6 : 4;
-    report.flow.proto = 17;
-    report.flow.first = {{10, 0, 0, 1}, 53};
-    report.flow.second = {{10, 0, 0, 2}, 5353};
-    report.bytes = 1000;
-    report.packets = 10;
-    return report;
-}
-
-// Reports in a message; the count at its head must agree.
-unsigned reportsIn(const nlmsghdr *message) {
-    struct {
-        unsigned found = 0, claimed = 0;
-    } seen;
-    const auto look = [](const nlattr *attribute, void *data) {
-        auto *into = static_cast<decltype(seen) *>(data);
-        if (mnl_attr_get_type(attribute) == 1)
-            into->claimed = mnl_attr_get_u16(attribute);
-        else
-            ++into->found;
-        return MNL_CB_OK;
-    };
-    EXPECT_EQ(mnl_attr_parse(message, 4, look, &seen), MNL_CB_OK);
-    EXPECT_EQ(seen.found, seen.claimed);
-    return seen.found;
 }
 
 }  // namespace
@@ -100,45 +68,5 @@ TEST(KernelWire, NamesWhatADaemonMustNotSend) {
         std::string all;
         for (const std::string &problem : result.problems) all += problem + "; ";
         EXPECT_NE(all.find(row.problem), std::string::npos) << all;
-    }
-}
-
-TEST(KernelWire, AMessageCutAnywhereIsNeverAVerdictAndNeverOverread) {
-    const Bytes whole = hex(kResult4);
-    const size_t matchEnds = 20 + 6 * 8 + 5;
-    for (size_t length = kHeaderSize; length < whole.size(); ++length) {
-        Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(length));
-        cut.shrink_to_fit();
-        std::string problem;
-        EXPECT_TRUE(splitDatagram(cut, problem).empty());
-        EXPECT_NE(problem, "");
-        const auto claimed = static_cast<uint32_t>(length);
-        std::memcpy(cut.data(), &claimed, sizeof claimed);
-        const Result result = decodeResult(onlyMessage(cut));
-        EXPECT_EQ(result.usable, length >= matchEnds) << length;
-    }
-}
-
-TEST(KernelWire, ReportsFillMessagesOfAtMost4096Bytes) {
-    for (const bool v6 : {false, true}) {
-        for (const char *name : {"", "guest"}) {
-            FlowReport report = sampleReport(v6);
-            report.accessProfile = name;
-            report.qosRule = name;
-            const std::vector<FlowReport> reports(1000, report);
-            size_t total = 0;
-            for (const Bytes &bytes : encodeReports(reports, kMaxDatagram, 1000)) {
-                EXPECT_LE(bytes.size(), kMaxDatagram);
-                const auto *message = reinterpret_cast<const nlmsghdr *>(bytes.data());
-                ASSERT_EQ(message->nlmsg_len, bytes.size());
-                const unsigned found = reportsIn(message);
-                // One more would not have fitted, except in the last message.
-                if (total + found < reports.size()) {
-                    EXPECT_GT(bytes.size() + reportSize(report), kMaxDatagram);
-                }
-                total += found;
-            }
-            EXPECT_EQ(total, reports.size());
-        }
     }
 }

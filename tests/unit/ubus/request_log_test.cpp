@@ -1,5 +1,6 @@
 #include "ubus/request_log.h"
 
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +11,12 @@
 #include <regex>
 
 #include "core/paths.h"
-#include "unit/ubus/fakes.h"
+#include "unit/log_capture.h"
+#include "unit/sandbox.h"
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
 
 namespace {
 
@@ -84,10 +90,29 @@ TEST(MaskPass, HidesTheValuesOfPasswordsAndNothingElse) {
     for (const auto &row : rows) EXPECT_EQ(masked(row.text), row.masked) << row.text;
 }
 
-class RequestLog : public MethodTest {
+// A message of the bus, from JSON text; of null, none at all.
+class Message {
+  public:
+    explicit Message(const char *json) : absent_(!json) {
+        blob_buf_init(&buf_, 0);
+        if (absent_) return;
+        EXPECT_TRUE(blobmsg_add_json_from_string(&buf_, json)) << json;
+    }
+    ~Message() { blob_buf_free(&buf_); }
+    Message(const Message &) = delete;
+    Message &operator=(const Message &) = delete;
+    blob_attr *get() { return absent_ ? nullptr : buf_.head; }
+    blob_buf &buffer() { return buf_; }
+
+  private:
+    blob_buf buf_{};
+    bool absent_;
+};
+
+class RequestLog : public testing::Test {
   protected:
     void SetUp() override {
-        MethodTest::SetUp();
+        requireSandbox();
         (void)rmdir(kRequestLogPath);
         // The stream of an earlier case is dropped the way the daemon drops it: at the limit.
         std::ofstream(kRequestLogPath, std::ios::trunc) << "";
@@ -100,6 +125,8 @@ class RequestLog : public MethodTest {
         return text.str();
     }
     static void log(const char *json) { log_ubus_msg(Message(json).get()); }
+
+    LogCapture log_;
 };
 
 TEST_F(RequestLog, EntryIsTheTimeAndTheMessageOneMemberALine) {
