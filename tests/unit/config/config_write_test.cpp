@@ -158,6 +158,12 @@ TEST_F(ConfigWrite, WhatCannotBeOpenedIsNotWritten) {
     fs::rename("/var/elsewhere", "/var/config");
 }
 
+TEST_F(ConfigWrite, WhatAKilledDaemonLeftBesideGoesWithTheNextWrite) {
+    std::ofstream("/var/config/dpi.conf.new") << "half a fi";
+    EXPECT_EQ(written().back(), '\n');
+    EXPECT_EQ(filesInFolder(), Files{"dpi.conf"});
+}
+
 TEST_F(ConfigWrite, OwnerAndModeOfTheFileStay) {
     putConfig("{}");
     const bool isOurs = chown(kConfigPath, 4711, 4712) != 0;  // a user's sandbox knows no other users
