@@ -73,11 +73,14 @@ void startUp(int argc, char *const *argv) {
 
 void shutDown() {
     if (ubus_ctx) ubus_free(ubus_ctx);
-    amStopCaptureThread();
-    amCloseNetLinkSockets();
-    if (anyUploadRuns()) {
-        // Its thread, which is not waited for, uses what the libraries' clean-up and exit's handlers tear
-        // down.
+    const bool captureEnded = amStopCaptureThread();
+    if (captureEnded)
+        amCloseNetLinkSockets();
+    else
+        am::closeDescriptors();
+    if (!captureEnded || !uploadThreadsEnded()) {
+        // Neither is waited for any longer, and what they run uses what the libraries' clean-up and exit's
+        // handlers tear down.
         (void)fflush(stdout);
         amLogClose();
         _exit(0);

@@ -124,4 +124,8 @@ void noteStopping() {
     if (inside != 0) violation("pcap_packet running during test_capture_exit\n");
 }
 
+void noteUnloading() {
+    if (inside != 0) violation("destructors run during pcap_packet\n");
+}
+
 }  // namespace engine

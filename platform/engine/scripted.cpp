@@ -63,6 +63,7 @@ bool isDue(const Tuple &tuple) {
 
 // For the variant without an exit entry, and after a packet that came later than the exit.
 __attribute__((destructor)) void unload() {
+    if (kCheckHandover) noteUnloading();
     flowSetFree(flows);
 }
 
@@ -88,11 +89,12 @@ void pcap_packet([[maybe_unused]] const capture_pkt *pkt, const timeval *) {
 #ifdef ENGINE_UNRESOLVED
     engine_entry_of_another_kit();
 #endif
-#ifdef ENGINE_BLOCK_SECONDS
-    sleep(ENGINE_BLOCK_SECONDS);
-#endif
 #ifndef ENGINE_NOOP
     if (kCheckHandover) noteEntered();
+#ifdef ENGINE_BLOCK_SECONDS
+    for (unsigned left = ENGINE_BLOCK_SECONDS; left != 0; left = sleep(left)) {
+    }  // signals do not cut it short
+#endif
     classify(*pkt);
     if (kCheckHandover) noteLeft();
 #endif

@@ -35,11 +35,12 @@ void startThreads();
 void stopThreads();
 
 // Watches how the daemon hands the engine over.  A breach is written as a line to /flash/engine.violation:
-// a packet before the start entry returned, during or after the exit entry, or two packets at once.  Start
-// and exit take a fifth of a second, to give a breach its chance.
+// a packet before the start entry returned, during or after the exit entry, two packets at once, or the
+// library taken down around a packet.  Start and exit take a fifth of a second, to give a breach its chance.
 void noteStarted();
 void noteEntered();
 void noteLeft();
 void noteStopping();
+void noteUnloading();
 
 }  // namespace engine

@@ -1,14 +1,15 @@
 #include "kit/upload.h"
 
-#include <signal.h>
 #include <string.h>
 #include <time.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <utility>
 
 #include "core/text.h"
+#include "core/thread.h"
 #include "kit/transfer.h"
 
 constinit AmMutex amUploadLock;
@@ -45,37 +46,37 @@ UploadArgs argumentsOf(int slot) EXCLUDES(amUploadLock)
     return thread_mgr[slot].args;
 }
 
-void freeSlot(int slot) EXCLUDES(amUploadLock)
+// The thread that was the last to free its slot, until it is joined.
+constinit pthread_t lastToLeave GUARDED_BY(amUploadLock)
+= 0;
+
+// Frees the calling thread's slot.  It has still to run what the transfer's libraries do at a thread's end,
+// so it has to be joined, as does the one that left before it: that it joins itself, so that one at most is
+// left.
+void leaveSlot(int slot) EXCLUDES(amUploadLock)
 {
-    const AmGuard guard(amUploadLock);
-    thread_mgr[slot] = {};
-    pthread_cond_broadcast(slotFreedCondition());
+    pthread_t before;
+    {
+        const AmGuard guard(amUploadLock);
+        thread_mgr[slot] = {};
+        before = std::exchange(lastToLeave, pthread_self());
+        pthread_cond_broadcast(slotFreedCondition());
+    }
+    if (before != 0) pthread_join(before, nullptr);
 }
 
 void *runUpload(int slot) EXCLUDES(amUploadLock)
 {
-    pthread_detach(pthread_self());
     UploadArgs args = argumentsOf(slot);
     (void)stats_upload(args.username, args.password, args.filePath, args.fileName, args.checksum);
     explicit_bzero(&args, sizeof args);
-    freeSlot(slot);
+    leaveSlot(slot);
     return nullptr;
 }
 
 using UploadBody = void *(*)(void *);
 constexpr UploadBody kBodies[] = {appEnfCsvUpload, appEnfOldCsvUpload, appMonCsvUpload, appMonOldCsvUpload};
 static_assert(sizeof kBodies / sizeof *kBodies == kUploadSlots);
-
-// The new thread takes no signals: they belong to the event loop, and a server that hangs up must not raise
-// SIGPIPE from the TLS library.
-int createUploadThread(pthread_t &thread, int slot, UploadArgs &args) {
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(&thread, nullptr, kBodies[slot], &args);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error;
-}
 
 }  // namespace
 
@@ -104,7 +105,9 @@ int startUpload(int slot, const char *fileName) {
     thread_mgr_slot &mine = thread_mgr[slot];
     if (mine.thread != 0) return -1;
     am::copyText(mine.args.fileName, fileName);
-    if (createUploadThread(mine.thread, slot, mine.args) == 0) return 0;
+    // No signals: they belong to the event loop, and a server that hangs up must not raise SIGPIPE from the
+    // TLS library.
+    if (am::startThread(mine.thread, am::allSignals(), kBodies[slot], &mine.args) == 0) return 0;
     mine.thread = 0;
     mine.args = {};
     return -1;
@@ -117,10 +120,11 @@ bool uploadAskedToStop() {
     return false;
 }
 
-bool anyUploadRuns() {
+bool uploadThreadsEnded() {
     const AmGuard guard(amUploadLock);
-    return std::any_of(std::begin(thread_mgr), std::end(thread_mgr),
-                       [](const thread_mgr_slot &slot) { return slot.thread != 0; });
+    if (lastToLeave != 0 && am::joinEnded(lastToLeave)) lastToLeave = 0;
+    return lastToLeave == 0 && std::all_of(std::begin(thread_mgr), std::end(thread_mgr),
+                                           [](const thread_mgr_slot &slot) { return slot.thread == 0; });
 }
 
 void *appEnfCsvUpload(void *) {

@@ -4,8 +4,9 @@
 //                      '-------------------- the transfer ends ----------------------> free
 //
 // Threads: the event-loop thread fills and starts a free slot and asks a running one to stop; the slot's own
-// detached thread reads its arguments and frees it.  amUploadLock guards the slots' states, a condition
-// variable tells of a slot that became free; no thread is ever probed by its id.
+// thread reads its arguments and frees it.  amUploadLock guards the slots' states, a condition variable tells
+// of a slot that became free.  A slot that is free says nothing of the thread that was in it: each leaving
+// thread joins the one that left before it, and uploadThreadsEnded the last.
 #pragma once
 #include <pthread.h>
 
@@ -47,8 +48,9 @@ void clearUploadArgs(int slot) EXCLUDES(amUploadLock);
 // Whether the upload of the calling thread has been asked to stop; false on a thread that runs none.
 bool uploadAskedToStop() EXCLUDES(amUploadLock);
 
-// Whether any slot is taken.
-bool anyUploadRuns() EXCLUDES(amUploadLock);
+// Whether no thread of an upload runs any more, not even in what its libraries do at a thread's end.
+// Event-loop thread.
+[[nodiscard]] bool uploadThreadsEnded() EXCLUDES(amUploadLock);
 
 // Thread bodies: run the slot's upload and free the slot.
 void *appEnfCsvUpload(void *slotArgs);

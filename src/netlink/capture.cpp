@@ -13,6 +13,7 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/thread.h"
 #include "netlink/interrupt.h"
 #include "netlink/protocol.h"
 #include "netlink/reception.h"
@@ -26,13 +27,11 @@ constexpr int kPollTimeout = 1000;         // milliseconds
 constexpr long kWaitingPause = 1'000'000;  // nanoseconds
 constexpr int kStopPauseMs = 10;
 constexpr int kStopPatienceMs = 3000;
-constexpr int kWakeSignal = SIGURG;             // ignored by default, so nobody misses it
-constexpr size_t kStackSize = size_t{1} << 20;  // engines are used to more than musl's 128 KiB
+constexpr int kWakeSignal = SIGURG;  // ignored by default, so nobody misses it
 
-// A thread that says here that it runs cannot end before the lock is free again, so its id may be used.
 constinit AmMutex threadLock;
-bool threadRuns GUARDED_BY(threadLock)
-= false;
+bool threadJoined GUARDED_BY(threadLock)
+= true;
 pthread_t captureThread GUARDED_BY(threadLock);
 
 void pauseFor(long nanoseconds) {
@@ -65,13 +64,6 @@ void capture(int fd) {
         amEngineLeave();
         if (drained == am::Drained::waiting) pauseFor(kWaitingPause);
     }
-}
-
-void *runCapture(void *argument) {
-    mainpThread(argument);
-    const AmGuard guard(threadLock);
-    threadRuns = false;
-    return nullptr;
 }
 
 // The attribute of a message that it fills to the end, which is every packet message of a healthy kernel;
@@ -155,24 +147,14 @@ void amPktCaptureThread() {
     (void)sigaction(kWakeSignal, &wake, nullptr);
 
     // The event loop's signals stay with the event loop's thread.
-    sigset_t others, before;
+    sigset_t others;
     sigemptyset(&others);
     sigaddset(&others, SIGTERM);
     sigaddset(&others, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &others, &before);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, kStackSize);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    {
-        const AmGuard guard(threadLock);
-        const int error = pthread_create(&captureThread, &attributes, runCapture, nullptr);
-        threadRuns = error == 0;
-        if (error != 0)
-            amLog(AM_LOG_ERROR, "%s:%d capture thread: %s\n", __func__, __LINE__, strerror(error));
-    }
-    pthread_attr_destroy(&attributes);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const AmGuard guard(threadLock);
+    const int error = am::startThread(captureThread, others, mainpThread, nullptr);
+    threadJoined = error != 0;
+    if (error != 0) amLog(AM_LOG_ERROR, "%s:%d capture thread: %s\n", __func__, __LINE__, strerror(error));
 }
 
 namespace am {
@@ -183,7 +165,8 @@ bool stopCaptureWithin(int milliseconds) {
     for (int waited = 0; waited <= milliseconds; waited += kStopPauseMs) {
         {
             const AmGuard guard(threadLock);
-            if (!threadRuns) return true;
+            if (!threadJoined) threadJoined = am::joinEnded(captureThread);
+            if (threadJoined) return true;
             pthread_kill(captureThread, kWakeSignal);
         }
         pauseFor(kStopPauseMs * 1'000'000L);
@@ -193,7 +176,8 @@ bool stopCaptureWithin(int milliseconds) {
 
 }  // namespace am
 
-void amStopCaptureThread() {
-    if (!am::stopCaptureWithin(kStopPatienceMs))
-        amLog(AM_LOG_ERROR, "%s:%d capture thread does not end\n", __func__, __LINE__);
+bool amStopCaptureThread() {
+    const bool ended = am::stopCaptureWithin(kStopPatienceMs);
+    if (!ended) amLog(AM_LOG_ERROR, "%s:%d capture thread does not end\n", __func__, __LINE__);
+    return ended;
 }

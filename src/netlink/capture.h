@@ -11,11 +11,12 @@
 // Packet messages accepted, whether or not an engine took them.  Written by the capture thread alone.
 extern std::atomic<uint64_t> amPacketCounter;
 
-// Starts the thread, detached.  Main thread, once, after amCreateNetLinkSockets.
+// Starts the thread.  Main thread, once, after amCreateNetLinkSockets.
 void amPktCaptureThread();
 
-// Asks the thread to end and waits for it, a few seconds at most: before the sockets close.  Main thread.
-void amStopCaptureThread();
+// Asks the thread to end and waits for it, a few seconds at most: before the sockets close.  False when it
+// still runs, held up in the engine: then nothing that it uses may go.  Main thread.
+[[nodiscard]] bool amStopCaptureThread();
 
 namespace am {
 // The same, with a bound: whether the thread has ended by then.  Any thread but that one.

@@ -10,6 +10,7 @@
 
 #include "core/lock.h"
 #include "core/log.h"
+#include "core/thread.h"
 #include "netlink/reception.h"
 #include "netlink/sockets.h"
 
@@ -32,18 +33,13 @@ void *actOnInterrupt(void *) {
 // All signals stay with the other threads: the one that is interrupted may be blocked, this one never is.
 bool startWaiter() {
     if (sem_init(&signalled, 0, 0) != 0) return false;
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
-    const int error = pthread_create(&thread, nullptr, actOnInterrupt, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_t thread;  // ends with the process only
+    const int error = am::startThread(thread, am::allSignals(), actOnInterrupt, nullptr);
     if (error != 0) {
         amLog(AM_LOG_ERROR, "%s:%d SIGINT thread: %s\n", "installInterruptHandler", __LINE__,
               strerror(error));
         return false;
     }
-    pthread_detach(thread);
     return true;
 }
 

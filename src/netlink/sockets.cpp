@@ -72,10 +72,6 @@ void closeSocket(mnl_socket *&socket) {
     socket = nullptr;
 }
 
-void closeDescriptor(const mnl_socket *socket) {
-    if (socket) (void)close(mnl_socket_get_fd(socket));
-}
-
 // A verdict looks at the state with the lock held and keeps it until its flow is recorded.
 void setAdminState(int state) EXCLUDES(amModelLock)
 {
@@ -179,8 +175,12 @@ void withdrawFromKernel() {
           amPacketCounter.load(std::memory_order_relaxed));
     // The capture thread may be sending a verdict.  One that is held up in the engine is not waited for.
     (void)stopCaptureWithin(kClosePatienceMs);
-    closeDescriptor(packet_nls);
-    closeDescriptor(control_nls);
+    closeDescriptors();
+}
+
+void closeDescriptors() {
+    for (const mnl_socket *socket : {packet_nls, control_nls})
+        if (socket) (void)close(mnl_socket_get_fd(socket));
 }
 
 }  // namespace am

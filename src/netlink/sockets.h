@@ -52,4 +52,8 @@ int takeSocketError(int fd);
 // handles: these stay, the process ends at once.
 void withdrawFromKernel();
 
+// Closes the packet socket, then the control socket, below threads that still use the handles: for a process
+// that ends at once.
+void closeDescriptors();
+
 }  // namespace am

@@ -312,12 +312,20 @@ class Kits(case.SystemTest):
                     world.wait_until(lambda: len(self.world.module.events("result")) == results + 1, "a result")
         self.assertTrue(self.world.daemon.running())
 
-    def test_an_engine_that_blocks_does_not_hold_up_the_bus(self):
+    def test_an_engine_that_hangs_holds_up_neither_the_bus_nor_the_end(self):
         self.world.start("--report-interval", "0")
-        self.world.install_kit(engine="blocking", apps=APPS)
+        self.world.install_kit(engine="hanging", apps=APPS)
         self.world.enable()
         self.world.module.command("inject-hex " + packet_message(packet()).hex())
         began = time.monotonic()
         self.world.settle()
         self.assertLess(time.monotonic() - began, 1.5)
-        self.world.module.command("wait 10000")
+        descriptors = lambda: len(os.listdir(f"/proc/{self.world.daemon.pid}/fd"))
+        before = descriptors()
+        self.world.daemon.send(signal.SIGTERM)
+        world.wait_until(lambda: descriptors() < before, "the end of the bus connection")
+        time.sleep(0.2)
+        self.assertEqual(descriptors(), before - 1, "the sockets stay open while the capture thread is waited for")
+        self.assertEqual(self.world.daemon.wait(), 0)
+        self.assertIn("capture thread does not end\n", self.log())
+        self.assertFalse((world.FLASH / "engine.violation").exists(), "the engine's destructors ran below its packet")

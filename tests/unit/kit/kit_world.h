@@ -18,6 +18,7 @@ struct World {
     std::atomic<unsigned> slept;           // seconds that were asked for; none is waited
     std::atomic<bool> waitsTimeOut;        // a timed wait on a condition is over at once
     std::atomic<bool> threadsUnavailable;  // no thread can be created
+    std::atomic<int> threadLingers;        // 1: the next thread to end is kept by its library until this is 0
 };
 extern World world;
 

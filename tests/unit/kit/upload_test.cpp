@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "core/text.h"
+#include "core/thread.h"
 #include "kit/transfer.h"
 #include "kit_world.h"
 
@@ -170,6 +171,35 @@ TEST_F(KitUploadSlots, ThreadThatCannotBeHadLeavesACleanSlot) {
     EXPECT_TRUE(isZero(state(kSlotEnf)));
     world.threadsUnavailable = false;
     EXPECT_EQ(0, start(kSlotEnf));
+}
+
+TEST_F(KitUploadSlots, ThreadHasTheStackThatLibrariesAreUsedTo) {
+    writeFile("/flash/enf.csv", std::string(kFileSize, 'e'));
+    SlowServer server(kSlotEnf);
+    ASSERT_EQ(0, start(kSlotEnf));
+    server.waitForData();
+    pthread_attr_t attributes;
+    size_t size = 0;
+    ASSERT_EQ(0, pthread_getattr_np(state(kSlotEnf).thread, &attributes));
+    pthread_attr_getstacksize(&attributes, &size);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(am::kThreadStack, size);
+    server.drain();
+}
+
+// What exit() tears down is used until the very end of a thread, long after it has freed its slot.
+TEST_F(KitUploadSlots, ThreadHasNotEndedWhenItsSlotIsFree) {
+    world.threadLingers = 1;
+    for (const int slot : {kSlotEnf, kSlotMon}) {
+        ASSERT_EQ(0, start(slot));
+        waitUntilFree(slot);
+    }
+    EXPECT_FALSE(uploadThreadsEnded());
+    world.threadLingers = 0;
+    while (!uploadThreadsEnded()) std::this_thread::yield();
+    ASSERT_EQ(0, start(kSlotEnf));
+    waitUntilFree(kSlotEnf);
+    while (!uploadThreadsEnded()) std::this_thread::yield();
 }
 
 TEST_F(KitUploadSlots, StartsAndStopsInAnyOrder) {

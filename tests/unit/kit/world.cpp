@@ -1,5 +1,6 @@
 #include <curl/curl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -21,6 +23,29 @@
 kit_test::World kit_test::world;
 
 using kit_test::world;
+
+namespace {
+
+struct ThreadStart {
+    void *(*body)(void *);
+    void *argument;
+};
+
+struct Linger {
+    ~Linger() {
+        int next = 1;
+        if (!world.threadLingers.compare_exchange_strong(next, 2)) return;
+        while (world.threadLingers == 2) sched_yield();
+    }
+};
+
+void *runAndLinger(void *start) {
+    thread_local const Linger atEnd;
+    const std::unique_ptr<ThreadStart> owned(static_cast<ThreadStart *>(start));
+    return owned->body(owned->argument);
+}
+
+}  // namespace
 
 extern "C" {
 unsigned __wrap_sleep(unsigned seconds);
@@ -45,7 +70,8 @@ int __wrap_pthread_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mu
 
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
                           void *argument) {
-    return world.threadsUnavailable ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
+    if (world.threadsUnavailable) return EAGAIN;
+    return __real_pthread_create(thread, attributes, runAndLinger, new ThreadStart{body, argument});
 }
 }
 

@@ -169,11 +169,11 @@ TEST_F(RingDeathTest, ThreadCapturesLetsInAndStops) {
                 while (amPacketCounter.load() < static_cast<uint64_t>(round) * 100) std::this_thread::yield();
                 (void)amUnLoadQsKit();  // takes the gate to clear the entry
             }
-            amStopCaptureThread();
+            const bool ended = amStopCaptureThread();
             const uint64_t stopped = amPacketCounter;
             done = true;
             kernel.join();
-            _exit(stopped == amPacketCounter ? 0 : 1);
+            _exit(ended && stopped == amPacketCounter ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }
