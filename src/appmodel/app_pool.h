@@ -15,7 +15,7 @@
 #include <cstdint>
 
 #include "appmodel/rbt.h"
-#include "core/lock.h"
+#include "core/shared_mutex.h"
 
 inline constexpr size_t kAppNameSize = 32;    // a name of full width has no terminator in such a field
 inline constexpr size_t kGroupNameSize = 40;  // likewise

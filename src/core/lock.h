@@ -1,4 +1,5 @@
-// Locks that clang's thread-safety analysis understands: thin owners of a pthread mutex or read-write lock.
+// Locks that clang's thread-safety analysis understands: a thin owner of a pthread mutex, and what
+// declares them.  core/shared_mutex.h has the lock for readers and writers.
 //
 // Order in which locks are taken, never backwards:
 //   amEngineGate -> amModelLock -> amEnfFlowLock -> amMonQueueLock -> amUploadLock -> log lock
@@ -64,24 +65,6 @@ class CAPABILITY("mutex") AmMutex {
     pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Readers on several threads, one writer.  The thread that is the sole writer reads without it.
-class CAPABILITY("shared mutex") AmSharedMutex {
-  public:
-    constexpr AmSharedMutex() = default;
-    AmSharedMutex(const AmSharedMutex &) = delete;
-    AmSharedMutex &operator=(const AmSharedMutex &) = delete;
-
-    void lock() ACQUIRE()
-    { pthread_rwlock_wrlock(&lock_); }
-    void unlock() RELEASE()
-    { pthread_rwlock_unlock(&lock_); }
-    void lockShared() ACQUIRE_SHARED() { pthread_rwlock_rdlock(&lock_); }
-    void unlockShared() RELEASE_SHARED() { pthread_rwlock_unlock(&lock_); }
-
-  private:
-    pthread_rwlock_t lock_ = PTHREAD_RWLOCK_INITIALIZER;
-};
-
 template <class Lock>
 class SCOPED_CAPABILITY AmGuard {
   public:
@@ -93,15 +76,4 @@ class SCOPED_CAPABILITY AmGuard {
 
   private:
     Lock &lock_;
-};
-
-class SCOPED_CAPABILITY AmSharedGuard {
-  public:
-    explicit AmSharedGuard(AmSharedMutex &lock) ACQUIRE_SHARED(lock) : lock_(lock) { lock_.lockShared(); }
-    ~AmSharedGuard() RELEASE_GENERIC() { lock_.unlockShared(); }
-    AmSharedGuard(const AmSharedGuard &) = delete;
-    AmSharedGuard &operator=(const AmSharedGuard &) = delete;
-
-  private:
-    AmSharedMutex &lock_;
 };
