@@ -156,7 +156,7 @@ class Module(Process):
                 answer += piece
         reply = json.loads(answer)
         if reply.get("ok") is False:
-            raise Failure(f"dpimod {line[:80]}: {reply}")
+            raise Failure(f"dpimod {line[:80]}: {reply.get('error', reply)}")
         return reply
 
     def stats(self):

@@ -5,12 +5,11 @@ import ipaddress
 import pathlib
 import re
 import shutil
-import struct
 import subprocess
 import sys
-import tarfile
 
 import capture_packets
+import playing
 import world
 from capture_packets import flow_key
 
@@ -77,9 +76,6 @@ def read(capture, *options):
 # korvid.
 
 KITS = [pathlib.Path(f"/tmp/{name}.kit") for name in ("even", "odd")]
-LATER = pathlib.Path("/tmp/later.pcap")
-ENGINE_IDLE = 130  # seconds: more than the engine's kIdleTime
-EXPIRIES = 4  # that the engine allows itself for each packet: kExpiriesPerPacket
 
 
 def start(system):
@@ -87,10 +83,6 @@ def start(system):
     system.start("--report-interval", "0", clock=True)
     for number, kit in enumerate(KITS):
         world.make_kit(kit, ndpi=True, version=f"4.2.{number}")
-    # Later fragments: they take the engine's time on without a flow of their own.
-    packet = struct.pack(">BBHHHBBH", 0x45, 0, 28, 1, 1, 64, 17, 0) + bytes([192, 0, 2, 1, 192, 0, 2, 2]) + bytes(8)
-    LATER.write_bytes(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262144, 101) +
-                      (struct.pack("<IIII", 0, 0, len(packet), len(packet)) + packet) * 16)
     system.enable()
     fresh_engine(system)
 
@@ -103,24 +95,16 @@ def fresh_engine(system):
     KITS.append(KITS.pop(0))
     shutil.copyfile(KITS[0], world.KIT)
     system.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
-    with tarfile.open(world.KIT) as kit:
-        index = kit.extractfile("AppMon_Signature_Index.csv").read().decode().splitlines()[1:]
-    system.call("SETavDpiAppList", {"appList": [{"appName": line.split(",")[1]} for line in index]})
-
-
-def mirror(system, what):
-    system.module.command(f"play {what}")
-    system.module.command("wait 120000", timeout=130)
+    for method, arguments in playing.enforcing(playing.applications()):
+        system.call(method, arguments)
 
 
 def play(system, capture, flows):
     """korvid's verdicts on one capture; flows is how many it may hold."""
     seen = len(system.module.events("result"))
     system.module.command("clear")
-    mirror(system, capture)
-    # Two quiet minutes: the engine reports what it still follows.
-    system.advance(ENGINE_IDLE)
-    mirror(system, f"{LATER} loop={flows // EXPIRIES // 16 + 2}")
+    playing.mirror(system, capture)
+    playing.finish_flows(system, flows)
     side = Side()
     for event in system.module.events("result")[seen:]:
         if event["problems"]:

@@ -1,17 +1,18 @@
 """What tools/demo shows, step by step; runs inside the sandbox."""
+import collections
 import json
-import os
 import pathlib
 import subprocess
 import sys
 import time
-
 import unittest
 
+import playing
 import world
 from servers import Vsftpd  # a real FTP server, set up for this sandbox
 
 GROUP = {"web": [{"appName": "HTTP"}, {"appName": "TLS"}, {"appName": "Wikipedia"}]}
+ENGINE_FLOWS = 65536  # that the engine follows at a time
 
 
 def say(text):
@@ -23,17 +24,26 @@ def call(system, method, arguments):
     print(json.dumps(system.reply(method, arguments)), flush=True)
 
 
-def show(path, most=12):
-    lines = world.text_of(path).splitlines()
-    print(f"$ head -{most} {path}    ({len(lines)} lines)")
-    print("\n".join(lines[:most]), flush=True)
+def show_lines(lines, most):
+    print("\n".join(lines[:most]))
+    if len(lines) > most:
+        print(f"... {len(lines) - most} more", flush=True)
 
 
-def configure(system):
+def show(path, most=6):
+    print(f"$ cat {path}")
+    show_lines(world.text_of(path).splitlines(), most)
+
+
+def install_kit(system):
     say("An administrator installs a signature kit: a classifier and the index of what it can tell apart")
     world.make_kit(ndpi=True)
     call(system, "SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
     system.settle()
+
+
+def configure(system):
+    install_kit(system)
 
     say("... puts one application and one group under enforcement, one on the monitoring list, and saves that")
     call(system, "CREATEavAppGroup", {"appGroup": GROUP})
@@ -41,20 +51,41 @@ def configure(system):
     call(system, "SETavAppMonAppList", {"appList": [{"appName": "SSH"}, {"appName": "DNS"}]})
     call(system, "SETappMonActivateAppList", {})
 
+    enable(system)
+
+
+def enforce_everything(system):
+    install_kit(system)
+
+    names = playing.applications()
+    say(f"... and puts all {len(names)} applications of its index under enforcement")
+    for number, (method, arguments) in enumerate(playing.enforcing(names)):
+        system.call(method, arguments)
+        if number == 0:
+            some = json.dumps({"appList": arguments["appList"][:3]})[:-2]
+            print(f"$ ubus call dpi {method} '{some}, ...]}}'    ({len(arguments['appList'])} names a call)")
+    enable(system)
+
+
+def enable(system):
     say("... and switches the whole on: the kernel starts to mirror packets")
     call(system, "SETappMonAdminState", {"adminState": "enable"})
 
 
-def traffic(system, mode, capture):
+def traffic(system, mode, capture, name):
     if mode == "live":
         say("Real clients talk to real servers; the interface is mirrored meanwhile")
         subprocess.run([world.TREE / "samples/record-traffic", "--generate-only"], check=True,
                        stdout=subprocess.DEVNULL)
         time.sleep(0.5)  # what the last connection leaves behind
     else:
-        say(f"Traffic flows: {os.path.basename(capture)} is mirrored, packet by packet")
-        system.module.command(f"play {capture}")
-        system.module.command("wait 60000", timeout=90)
+        say(f"Traffic flows: {name} is mirrored, packet by packet")
+        try:
+            playing.mirror(system, capture)
+        except world.Failure as failure:
+            sys.exit(f"demo: {name} cannot be played: {str(failure).rpartition(capture + ': ')[2]}")
+        for line in system.module.stderr.splitlines():  # a file that is damaged further on
+            print(line.replace(capture, name))
 
 
 def records(system):
@@ -62,7 +93,6 @@ def records(system):
     system.module.command("age-all")
     system.advance(901)
     show("/flash/appmon_enforcement_flow_records.csv")
-    show("/flash/appmon_monitor_flow_records.csv")
 
 
 def export(system):
@@ -82,16 +112,8 @@ def export(system):
     server.stop()
 
 
-def verdicts(system):
-    say("What the kernel was told, flow by flow, and every packet and message accounted for")
-    system.module.command("quit")
-    system.module.wait()
-    print(system.module.stdout, end="", flush=True)
-
-
 def restart(system):
     say("The daemon is restarted: kit, group, lists and state come back from /var/config/dpi.conf")
-    print(f"$ cat {world.CONFIG}\n{world.text_of(world.CONFIG)}", end="")
     system.restart_daemon(clock=True)
     system.log_level("INFO")
     print("$ ubus call dpi SetavDebugSettings '{\"debugPrintDb\":\"yes\"}'    (to the log)")
@@ -99,28 +121,74 @@ def restart(system):
     print("\n".join(line for line in lines if "Grp-Name" in line or "App-Name" in line or "List" in line))
 
 
+def verdicts(system):
+    """Prints a row for every flow; returns the totals."""
+    system.module.command("quit")
+    system.module.wait()
+    rows, _, totals = system.module.stdout.partition("\n\n")
+    show_lines(rows.splitlines(), 17)
+    return totals
+
+
+def by_application(flows):
+    rows = collections.defaultdict(collections.Counter)
+    for flow in flows:
+        for name in flow["app_name"], "all":
+            rows[name].update(flows=1, packets=flow["packets"], bytes=flow["bytes"])
+    width = max(map(len, ["APPLICATION", *rows]))
+    print(f"{'APPLICATION':{width}}  {'FLOWS':>7}  {'PACKETS':>9}  {'BYTES':>12}")
+    for name, row in sorted(rows.items(), key=lambda item: (item[0] == "all", -item[1]["bytes"])):
+        print(f"{name:{width}}  {row['flows']:7}  {row['packets']:9}  {row['bytes']:12}")
+
+
+def demonstrate(system, mode, capture, name):
+    configure(system)
+    traffic(system, mode, capture, name)
+    records(system)
+    show("/flash/appmon_monitor_flow_records.csv")
+    export(system)
+    restart(system)
+    say("What the kernel was told, flow by flow (the names of enforced applications only), and every packet accounted for")
+    print(f"\n{verdicts(system)}", end="", flush=True)
+
+
+def classify(system, mode, capture, name):
+    enforce_everything(system)
+    traffic(system, mode, capture, name)
+    played = system.module.stats()
+    playing.finish_flows(system, min(played["mirrored"], ENGINE_FLOWS))
+    flows = system.module.command("verdicts")["verdicts"]
+    records(system)
+    say("What the kernel was told, flow by flow")
+    verdicts(system)
+    say("... and by application")
+    by_application(flows)
+    dropped = ", ".join(f"{count} {counter[8:].replace('_', ' ')}" for counter, count in played.items()
+                        if counter.startswith("dropped_") and count)
+    unnamed = played["mirrored"] - sum(flow["packets"] for flow in flows)
+    print(f"\n{played['frames_read']} packets read, {played['mirrored']} mirrored" +
+          (f"; left out: {dropped}" if dropped else "") +
+          (f"; {unnamed} of no flow that has a verdict (fragments, damaged packets)" if unnamed else ""))
+
+
 def main():
-    mode, capture = sys.argv[1:3]
+    mode, capture, name = sys.argv[1:]
     with world.World() as system:
-        say("Broker, kernel module stand-in and the production binary start")
+        say("Message broker, the kernel module's stand-in and the production binary start")
         options = ["--report-interval", "0", "--access-profile", "staff"]
         if mode == "live":
             options += ["--interface", "lo"]
         system.start(*options, clock=True)
-        if mode == "shell":
-            shell(system, capture)
-            return
-        configure(system)
-        traffic(system, mode, capture)
-        records(system)
-        export(system)
-        restart(system)
-        verdicts(system)
-        system.daemon.stop()
-        say("Done. What runs here is what runs on a switch: build/release/src/korvid")
+        steps = {"shell": shell, "capture": classify}.get(mode, demonstrate)
+        steps(system, mode, capture, name)
+        status = system.daemon.stop()
+        if status != 0:
+            sys.exit(f"demo: korvid ended with {status}: {system.daemon.stderr[-2000:]}")
+    if mode != "shell":
+        say(f"Done. What ran here is what runs on a switch: {world.DAEMON.relative_to(world.TREE)}")
 
 
-def shell(system, capture):
+def shell(system, _, capture, name):
     configure(system)
     tools = [world.BUILD / "platform/bus", world.BUILD / "platform/kernel", world.TREE / "platform/engine"]
     profile = pathlib.Path("/tmp/profile")
@@ -132,13 +200,12 @@ module() {{ dpimod --ask {world.MODULE_CONTROL} "$@"; }}
     say("Everything runs.  Try:")
     print(f"""  ubus list -v dpi                   the fifteen methods
   ubus call dpi SetavDebugSettings '{{"logLevel":"INFO","debugPrintDb":"yes"}}'; tail /var/log/dpi.log
-  module play {capture}      mirror a capture
+  module play {capture}           mirror a capture, here {name}
   module verdicts                    what the kernel was told
   module age-all                     end all flows
   exit                               ends everything
 """, flush=True)
     subprocess.run(["/bin/bash", "--rcfile", profile, "-i"], check=False)
-    system.daemon.stop()
 
 
 if __name__ == "__main__":
