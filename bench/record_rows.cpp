@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "appmodel/app_lists.h"
 #include "netlink/protocol.h"
 #include "records/enf_records.h"
 #include "records/stats_report.h"

@@ -283,6 +283,24 @@ void amCleanAppGroup() {
     });
 }
 
+void amCleanAppData() {
+    amCleanAppGroup();
+    amCleanAppList();
+}
+
+char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType) {
+    strcpy(appNameOut, "-");
+    strcpy(grpNameOut, "-");
+    const AmActiveApp *app = amActiveApp(appId);
+    const List *list = listOfType(listType);
+    if (!app || !list || !(app->*list->onList)) return grpNameOut;
+    strncpy(appNameOut, app->appName, kAppNameSize);
+    if (!app->isPartOfGroup) return grpNameOut;
+    const AmAppGrp *group = findGroup(&amAppGrpTree, am::fieldText(app->grpName));
+    if (group && group->*list->groupOnList == 1) strncpy(grpNameOut, app->grpName, kGroupNameSize);
+    return grpNameOut;
+}
+
 void debugPrintAppGrp() {
     if (!amLogWanted(AM_LOG_INFO)) return;
     forEachElement<AmAppGrp>(&amAppGrpTree, [](const AmAppGrp *group) {

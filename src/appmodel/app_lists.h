@@ -53,6 +53,12 @@ int amClearAppEnfList() EXCLUDES(amModelLock);  // always 1
 // Frees every group and member; marks of the active array stay as they are.
 void amCleanAppGroup();
 
+void amCleanAppData() EXCLUDES(amModelLock);  // amCleanAppGroup, then the pool's amCleanAppList
+
+// The names that a record or a debug line shows for an application on a list, "-" for each that does not
+// apply. Outputs are zeroed buffers of at least 33 and 41 bytes.  Event-loop thread.  Returns grpNameOut.
+char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType);
+
 // To the log at INFO.
 void debugPrintAppGrp();
 void debugPrintMonAppList();

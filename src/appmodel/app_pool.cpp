@@ -5,7 +5,6 @@
 #include <new>
 #include <utility>
 
-#include "appmodel/app_lists.h"
 #include "core/log.h"
 #include "core/text.h"
 
@@ -32,14 +31,6 @@ AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amMode
     const AmGuard guard(amModelLock);
     amMaxAppIdCount = count;
     return std::exchange(amActData, entries);
-}
-
-bool groupIsOnList(const AmActiveApp &app, uint32_t listType) {
-    char name[kGroupNameSize + 1];
-    am::copyText(name, am::fieldText(app.grpName));
-    const AmAppGrp *group = amFindGrpNode(&amAppGrpTree, name);
-    if (!group) return false;
-    return (listType == AM_LIST_ENFORCEMENT ? group->isEnforcement : group->isMonitoring) == 1;
 }
 
 }  // namespace
@@ -125,22 +116,4 @@ void amUpdateActiveAppListArray() {
 
 void amCleanAppList() {
     free(exchangeArray(nullptr, amMaxAppIdCount));
-}
-
-void amCleanAppData() {
-    amCleanAppGroup();
-    amCleanAppList();
-}
-
-char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType) {
-    strcpy(appNameOut, "-");
-    strcpy(grpNameOut, "-");
-    const AmActiveApp *app = amActiveApp(appId);
-    if (!app || (listType != AM_LIST_MONITORING && listType != AM_LIST_ENFORCEMENT)) return grpNameOut;
-    if (!(listType == AM_LIST_ENFORCEMENT ? app->isEnforcement : app->isMonitoring)) return grpNameOut;
-
-    strncpy(appNameOut, app->appName, kAppNameSize);
-    if (app->isPartOfGroup && groupIsOnList(*app, listType))
-        strncpy(grpNameOut, app->grpName, kGroupNameSize);
-    return grpNameOut;
 }

@@ -79,14 +79,9 @@ void amRebuildActiveAppArray(const char *op, int line) EXCLUDES(amModelLock);
 void amUpdateActiveAppListArray() EXCLUDES(amModelLock);
 
 void amCleanAppList() EXCLUDES(amModelLock);  // frees the array
-void amCleanAppData() EXCLUDES(amModelLock);  // amCleanAppGroup, then amCleanAppList
 
 // The array's entry of that id, or null when there is no array or no such entry.  Event-loop thread, or under
 // amModelLock.
 inline AmActiveApp *amActiveApp(uint32_t appId) {
     return amActData && appId < amMaxAppIdCount ? amActData + appId : nullptr;
 }
-
-// The names that a record or a debug line shows for an application on a list, "-" for each that does not
-// apply. Outputs are zeroed buffers of at least 33 and 41 bytes.  Event-loop thread.  Returns grpNameOut.
-char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 
-#include "appmodel/app_pool.h"
+#include "appmodel/app_lists.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "netlink/capture.h"

@@ -1,6 +1,6 @@
 #include "records/record_names.h"
 
-#include "appmodel/app_pool.h"
+#include "appmodel/app_lists.h"
 #include "core/append.h"
 #include "core/text.h"
 
