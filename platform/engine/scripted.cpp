@@ -53,8 +53,10 @@ bool isDue(const Tuple &tuple) {
     prepare();
     Packet packet;
     if (!parsePacket(pkt, packet) || !isDue(packet.tuple)) return;
-    const uint32_t appId = applicationOf(rules, packet.tuple);
+    uint32_t appId = applicationOf(rules, packet.tuple);
     if (appId == kNotReported) return;
+    if constexpr (kHelped) appId = helperSame(appId);
+    if constexpr (kOwnOperators) useOperators();
     if (kHoldReports)
         holdReport(packet.tuple, appId, rules.flowState);
     else
@@ -79,6 +81,7 @@ extern "C" __attribute__((visibility("default"))) void engine_entry_of_another_k
 #ifndef ENGINE_WITHOUT_START
 void test_capture() {
     prepare();
+    if constexpr (kOwnOperators) useOperators();
     if (kOwnThreads) startThreads();
     if (kCheckHandover) noteStarted();
 }

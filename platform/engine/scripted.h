@@ -23,6 +23,23 @@ constexpr bool kCheckHandover = true;
 #else
 constexpr bool kCheckHandover = false;
 #endif
+#ifdef ENGINE_OWN_OPERATORS
+constexpr bool kOwnOperators = true;
+#else
+constexpr bool kOwnOperators = false;
+#endif
+#ifdef ENGINE_HELPED
+constexpr bool kHelped = true;
+#else
+constexpr bool kHelped = false;
+#endif
+
+// Allocates and frees through every form of the global operators, which are the engine's own: memory that
+// one of them gets from elsewhere ends the process.
+void useOperators();
+
+// From the kit's second library: the same number.
+extern "C" __attribute__((visibility("default"))) uint32_t helperSame(uint32_t number);
 
 // Reports kept until the engine is stopped, and then made from its exit entry; the first 1,024 flows.
 void holdReport(const Tuple &tuple, uint32_t appId, uint32_t flowState);
