@@ -8,7 +8,7 @@
 
 #include "appmodel/app_pool.h"
 #include "core/log.h"
-#include "kit/kit_update.h"
+#include "kit/kit_libraries.h"
 
 extern "C" {
 constinit CaptureFlowFn capture_flow_func = nullptr;
@@ -24,7 +24,6 @@ constinit std::atomic<bool> amEngineGateWanted{false};
 
 namespace {
 
-constexpr char kLibraryDir[] = "/lib";
 constexpr char kEngineFile[] = "libcapture.so";
 
 using EngineFn = void (*)();
@@ -103,7 +102,7 @@ int amLoadQsKit() {
         return -1;
     }
 
-    amQsLibHandle = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
+    amQsLibHandle = am::openLibrary(path, RTLD_NOW | RTLD_GLOBAL);
     fail = 0;
     if (amQsLibHandle)
         startEngine();

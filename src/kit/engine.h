@@ -59,13 +59,15 @@ inline void amEngineYield() REQUIRES(amEngineGate)
 bool amEngineLoaded();
 
 // -1 when the library file is missing, and nothing has changed; otherwise 0, also when it could not be
-// opened. Blocks for at least a second.  The file is gone afterwards.
+// opened. Blocks for at least a second.  The file is gone afterwards.  It is the file's engine that is
+// loaded, also where the C library has kept the one before (kit/kit_libraries.h).
 int amLoadQsKit() EXCLUDES(amEngineGate);
 
 // Takes the entry away from the capture thread, then runs the engine's exit entry, if one is loaded; 1.
 int amQsCleanUp() EXCLUDES(amEngineGate);
 
-// Unloads the library; 1, also when the loader could not: its handle is forgotten all the same.
+// Unloads the library; 1, also when the loader could not: its handle is forgotten all the same.  Its code may
+// stay mapped even so.
 int amUnLoadQsKit() EXCLUDES(amEngineGate);
 
 // The engine step of a kit update: stop, unload, copy the kit's libraries, load, rebuild the active array.

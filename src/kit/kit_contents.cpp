@@ -12,7 +12,7 @@
 #include "core/handle.h"
 #include "core/log.h"
 #include "core/text.h"
-#include "kit/kit_update.h"
+#include "kit/kit_folders.h"
 
 constinit int32_t qel_kit_compatability_version = 1;
 constinit char amKitVersion[50] = {};

@@ -1,9 +1,7 @@
 #include "kit/kit_update.h"
 
-#include <ftw.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
-#include <unistd.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -16,6 +14,7 @@
 #include "core/paths.h"
 #include "kit/engine.h"
 #include "kit/kit_contents.h"
+#include "kit/kit_folders.h"
 #include "kit/md5.h"
 #include "kit/shell.h"
 
@@ -25,18 +24,8 @@ namespace {
 
 constexpr char kStagedName[] = "HAppSig.upgrade_kit_new";
 constexpr char kFactoryDir[] = "/usr/local/share/system/zor/app_mon";
-constexpr char kKitLibraryDir[] = "lib/ni";
-constexpr char kLibraryDir[] = "/lib";
 
 using Command = char[512];
-
-// `op` and `line` head the log line: those of the step that needs the directory.
-bool makeDirectory(const char *directory, const char *op, int line) {
-    Command command;
-    if (am::runCommand(command, sizeof command, "mkdir -p %s", directory) == 0) return true;
-    amLog(AM_LOG_ERROR, "%s:%d Unable to create directory %s \n", op, line, command);
-    return false;
-}
 
 // Looks a file up for the step that needs it.
 bool examine(const char *path, struct stat &status, const char *op, int line) {
@@ -45,30 +34,7 @@ bool examine(const char *path, struct stat &status, const char *op, int line) {
     return false;
 }
 
-// Links that a refused kit left behind are all that could lead the next one's members out of the directory:
-// tar itself follows none that it makes, but every one that it finds.
-void dropLinks(const char *directory) {
-    constexpr int kOpenFolders = 16;
-    const auto drop = [](const char *path, const struct stat *, int type, FTW *) {
-        return type == FTW_SL ? unlink(path) : 0;
-    };
-    (void)nftw(directory, drop, kOpenFolders, FTW_PHYS);
-}
-
-void wipe(const char *directory, const char *op, int line) {
-    Command command;
-    if (am::runCommand(command, sizeof command, "rm -rf %s", directory) == 0) return;
-    printf("%s: %d Unable to delete temp folder %s\n", op, line, command);
-    (void)fflush(stdout);
-    amLog(AM_LOG_ERROR, "%s: %d Unable to delete temp folder %s\n", op, line, command);
-}
-
 }  // namespace
-
-int fileExists(const char *path) {
-    struct stat status {};
-    return stat(path, &status) == 0;
-}
 
 int amIsUpgradeKitPresent() {
     return fileExists(kKitPath);
@@ -96,8 +62,8 @@ int amCheckFlashSpace(const char *path) {
 }
 
 int amCheckIfKitValid() {
-    if (!makeDirectory(kKitTestDir, __func__, __LINE__)) return 0;
-    dropLinks(kKitTestDir);
+    if (!am::makeDirectory(kKitTestDir, __func__, __LINE__)) return 0;
+    am::dropLinks(kKitTestDir);
     Command command;
     if (am::runCommand(command, sizeof command, "tar -xvzf %s/%s -C  %s ", kFlash, kKitName, kKitTestDir) ==
         0)
@@ -113,7 +79,7 @@ void amCleanUpKitTest() {
 }
 
 int amCopyNewKit() {
-    if (!makeDirectory(kKitWorkDir, __func__, __LINE__)) return 0;
+    if (!am::makeDirectory(kKitWorkDir, __func__, __LINE__)) return 0;
     Command command;
     if (am::runCommand(command, sizeof command, "rm -rf %s/%s", kKitWorkDir, kStagedName) != 0) {
         amLog(AM_LOG_ERROR, "%s:%d Unable to remove temporary kit %s \n", __func__, __LINE__, command);
@@ -134,7 +100,7 @@ int dpiValidateKit() {
         amLog(AM_LOG_ERROR, "%s():%d: app Signature kit not present in /flash\n", __func__, __LINE__);
         return 0;
     }
-    if (!makeDirectory(kKitScratch, __func__, __LINE__)) return 0;
+    if (!am::makeDirectory(kKitScratch, __func__, __LINE__)) return 0;
     if (!amCheckFlashSpace(kKitPath)) {
         amLog(AM_LOG_ERROR, "%s():%d:Insufficient flash space\n", __func__, __LINE__);
         return 0;
@@ -208,7 +174,7 @@ int amcCheckKit() {
 }
 
 int amUnzipKit(int source) {
-    if (!makeDirectory(kKitInstallDir, __func__, __LINE__)) return 0;
+    if (!am::makeDirectory(kKitInstallDir, __func__, __LINE__)) return 0;
     Command command;
     if (source == kKitFromFactory && am::runCommand(command, sizeof command, "cp %s/%s %s/%s", kFactoryDir,
                                                     kKitName, kKitWorkDir, kStagedName) != 0) {
@@ -219,22 +185,13 @@ int amUnzipKit(int source) {
     snprintf(staged, sizeof staged, "%s/%s", kKitWorkDir, kStagedName);
     struct stat kit {};
     if (!examine(staged, kit, __func__, __LINE__)) return 0;
-    dropLinks(kKitInstallDir);
+    am::dropLinks(kKitInstallDir);
     char extraction[1024];
     if (am::runCommand(extraction, sizeof extraction, "tar -xvzf %s -C  %s", staged, kKitInstallDir) != 0) {
         amLog(AM_LOG_ERROR, "Unable to untar kit %s \n", extraction);
         return 0;
     }
     return 1;
-}
-
-int amCopyLibsSo() {
-    Command command;
-    if (am::runCommand(command, sizeof command, "cp -f %s/%s/*.so*  %s", kKitInstallDir, kKitLibraryDir,
-                       kLibraryDir) == 0)
-        return 1;
-    amLog(AM_LOG_ERROR, "%s:%d Unable to copy libraries %s \n", __func__, __LINE__, command);
-    return 0;
 }
 
 void amUpdateKit() {
@@ -256,6 +213,6 @@ void amUpdateKit() {
 }
 
 void amCleanUpdateKit() {
-    wipe(kKitScratch, __func__, __LINE__);
-    wipe("/tmp/flash", __func__, __LINE__);
+    am::wipe(kKitScratch, __func__, __LINE__);
+    am::wipe("/tmp/flash", __func__, __LINE__);
 }

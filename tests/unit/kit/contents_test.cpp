@@ -5,7 +5,7 @@
 
 #include "appmodel/app_pool.h"
 #include "kit/kit_contents.h"
-#include "kit/kit_update.h"
+#include "kit/kit_folders.h"
 #include "kit_world.h"
 
 namespace kit_test {

@@ -9,6 +9,8 @@
 #include "appmodel/app_lists.h"
 #include "appmodel/app_pool.h"
 #include "kit/engine.h"
+#include "kit/kit_folders.h"
+#include "kit/kit_libraries.h"
 #include "kit/shell.h"
 #include "kit_world.h"
 
@@ -114,6 +116,24 @@ TEST_F(KitUpdate, InstallationReplacesPoolEngineAndArray) {
     EXPECT_EQ(0, amActiveApp(17)->isMonitoring);
     EXPECT_EQ(nullptr, amFindGrpNode(&amAppGrpTree, "Office"));
     expectLog("Kit update complete Spawning Thread\n");
+}
+
+// What the loader keeps mapped must not change under the process, nor what a link in /lib leads to.
+TEST_F(KitUpdate, LibrariesAreNotCopiedIntoFilesThatAreThere) {
+    const std::string kit = std::string(kKitInstallDir) + "/lib/ni/";
+    shell("mkdir -p " + kit + " && cd " + kit +
+          " && echo new >libx.so.1 && ln -s libx.so.1 libx.so && ln -s nowhere liby.so && mkdir libz.so");
+    shell(
+        "cd /lib && echo old >libx.so.1 && ln libx.so.1 libx.mapped && echo other >/tmp/other"
+        " && ln -s /tmp/other libx.so && echo old | tee liby.so >libz.so");
+    EXPECT_EQ(0, amCopyLibsSo());  // for the link to nowhere and the folder
+    expectLog("Unable to copy libraries cp -f " + kit + "*.so*  /lib \n");
+    EXPECT_EQ("new\n", readFile("/lib/libx.so"));
+    EXPECT_EQ("new\n", readFile("/lib/libx.so.1"));
+    EXPECT_EQ("old\n", readFile("/lib/libx.mapped"));
+    EXPECT_EQ("other\n", readFile("/tmp/other"));
+    EXPECT_EQ("old\nold\n", readFile("/lib/liby.so") + readFile("/lib/libz.so"));
+    shell("rm /lib/lib[xyz].*");
 }
 
 TEST_F(KitUpdate, FailedExtractionLeavesTheInstalledKitInPlace) {

@@ -15,7 +15,7 @@
 #include "appmodel/app_lists.h"
 #include "appmodel/app_pool.h"
 #include "core/log.h"
-#include "kit/kit_update.h"
+#include "kit/kit_folders.h"
 #include "kit/md5.h"
 #include "kit_world.h"
 #include "unit/sandbox.h"
