@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <vector>
@@ -66,6 +67,11 @@ class KitContents : public KitTest {
         writeFile(member("AppMon_Signature_Index.csv"), content);
         return amParseAppPoolCsv();
     }
+    static int lowestFreeDescriptor() {
+        const int descriptor = dup(STDIN_FILENO);
+        close(descriptor);
+        return descriptor;
+    }
     static int readVersion(const std::string &content) {
         writeFile(member("version"), content);
         return amParseKitVersion();
@@ -111,6 +117,7 @@ TEST_F(KitContents, CompatibilityIsTheFirstLinesNumber) {
 
 // Opening a pipe of the kit's making for reading would never return.
 TEST_F(KitContents, MemberThatIsNoRegularFileIsNotOpened) {
+    const int before = lowestFreeDescriptor();
     ASSERT_EQ(0, mkfifo((std::string(kKitTestDir) + "/compatibility.txt").c_str(), 0600));
     EXPECT_EQ(0, amParseKitCompatibality());
     expectLog("Error opening file /var/flash/.tmp_/compatibility.txt");
@@ -120,6 +127,7 @@ TEST_F(KitContents, MemberThatIsNoRegularFileIsNotOpened) {
     ASSERT_EQ(0, mkdir(member("AppMon_Signature_Index.csv").c_str(), 0700));
     EXPECT_EQ(0, amParseAppPoolCsv());
     expectLog("AppMon_Signature_Index.csv");
+    EXPECT_EQ(before, lowestFreeDescriptor());
 }
 
 TEST_F(KitContents, VersionTellsWhetherTheMajorNumberWasKept) {

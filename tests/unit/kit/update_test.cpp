@@ -27,7 +27,7 @@ class KitUpdate : public KitTest {
         shell("mkdir -p /tmp/kit/lib/ni && cp " KIT_TEST_ENGINES "/whole.so /tmp/kit/lib/ni/libcapture.so");
         writeFile("/tmp/kit/compatibility.txt", "1\n");
         writeFile("/tmp/kit/version", "1.0\n");
-        writeFile("/tmp/kit/AppMon_Signature_Index.csv", "id,name\n17,Mail,x\n4,Web,x\n");
+        writeFile("/tmp/kit/AppMon_Signature_Index.csv", "id,name\n17,Mail,x\n40,Web,x\n");
     }
     void TearDown() override {
         amQsCleanUp();
@@ -99,7 +99,7 @@ TEST_F(KitUpdate, InstallationReplacesPoolEngineAndArray) {
     install();
     EXPECT_TRUE(amEngineLoaded());
     EXPECT_EQ(17, getAppNode("Mail")->appId);
-    EXPECT_EQ(18U, amMaxAppIdCount);
+    EXPECT_EQ(41U, amMaxAppIdCount);
     EXPECT_EQ(1, amCreateAppGrp(&amAppGrpTree, "Office"));
     EXPECT_EQ(1, amAddAppToAppList("Mail", nullptr, AM_LIST_MONITORING));
     EXPECT_FALSE(exists("/var/flash"));
