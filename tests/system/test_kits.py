@@ -40,3 +40,10 @@ class Kits(case.SystemTest):
         self.assertNotIn("libcapture.so", kept()[0])  # of that kit the loader kept but the second library
         self.assertIn("libcapture.so", kept()[-1])
         self.assertFalse((world.FLASH / "engine.violation").exists())
+
+    def test_engine_with_operators_new_and_delete_of_its_own(self):
+        self.world.start("--report-interval", "0")
+        self.install(OLD, 0, engine="own_operators")
+        world.CONFIG.write_text('{"ApplicationVisbilityProfile": [{"reloadSignFile": "force"}]}')
+        self.world.restart_daemon()
+        self.judged(OLD, 1000)
