@@ -16,7 +16,8 @@
 //   reader   sleeping = 1; fence; look at the ring again; sleep on queue and wake; sleeping = 0
 //   dpimod   fill frames; fence; if sleeping was 1, set it to 0 and write to wake
 // Whichever fence comes second sees the other side's store, so a wake-up cannot get lost.
-// The other direction (waitingForSpace, space) works the same way with a short sleep as its net.
+// The other direction (waitingForSpace, space) works the same way, the reader looking behind its fence;
+// dpimod's sleep is short besides.
 #pragma once
 #include <atomic>
 #include <cstdint>

@@ -172,12 +172,14 @@ int pollRings(pollfd *fds, nfds_t count, nfds_t rings, const timespec *timeout, 
     for (;;) {
         bool ready = false;
         for (nfds_t i = 0; i < used; ++i) {
-            ringTheModule(*sockets[i]);
             readerIsBack(*sockets[i]);
             sockets[i]->control->sleeping.store(1, std::memory_order_relaxed);
         }
         std::atomic_thread_fence(std::memory_order_seq_cst);
-        for (nfds_t i = 0; i < used; ++i) ready = ready || nl26::ringReady(*sockets[i]);
+        for (nfds_t i = 0; i < used; ++i) {
+            ringTheModule(*sockets[i]);  // behind the fence: the frames handed back are seen before the look
+            ready = ready || nl26::ringReady(*sockets[i]);
+        }
         timespec left = ready ? zero : fromNanos(timeout ? end - nanos(now()) : 0);
         const int result = real().ppoll(all, total, ready || timeout ? &left : nullptr, mask);
         const int error = errno;
