@@ -25,6 +25,8 @@ def placed(path):
 
 BUILD = placed(os.environ.get("KORVID_BUILD", TREE / "build/release"))
 DAEMON = placed(os.environ.get("KORVID_DAEMON", BUILD / "src/korvid"))
+# What runs programs of a build for another processor, which finds that one's libraries below QEMU_LD_PREFIX.
+EMULATOR = os.environ.get("KORVID_EMULATOR", "").split()
 ENGINES = BUILD / "platform/engine"
 MKKIT = TREE / "platform/engine/mkkit"
 FLASH = pathlib.Path("/flash")
@@ -70,6 +72,13 @@ def first_existing(*candidates):
         if pathlib.Path(candidate).exists():
             return str(candidate)
     raise FileNotFoundError(f"none of {', '.join(map(str, candidates))}")
+
+
+def bus_program(name):
+    """The words that start the bus's broker or tool: the system's where the build has none."""
+    if (BUILD / "platform/bus" / name).exists():
+        return [*EMULATOR, str(BUILD / "platform/bus" / name)]
+    return [first_existing(*(f"{folder}/{name}" for folder in ("/bin", "/usr/bin", "/sbin", "/usr/sbin")))]
 
 
 def make_kit(output=KIT, engine="scripted", apps=None, ndpi=False, **options):
@@ -138,7 +147,7 @@ class Module(Process):
         self.json_file = pathlib.Path(json_file)
         with contextlib.suppress(FileNotFoundError):
             self.json_file.unlink()
-        super().__init__("dpimod", [BUILD / "platform/kernel/dpimod", "--control", MODULE_CONTROL, "--json",
+        super().__init__("dpimod", [*EMULATOR, BUILD / "platform/kernel/dpimod", "--control", MODULE_CONTROL, "--json",
                                     self.json_file, *options], env={"KORVID_DPIMOD_SOCKET": MODULE_SOCKET})
         wait_until(lambda: os.path.exists(MODULE_CONTROL) and os.path.exists(MODULE_SOCKET), "dpimod's sockets")
 
@@ -197,8 +206,7 @@ class World:
     def start_bus(self):
         with contextlib.suppress(FileNotFoundError):
             os.unlink(BUS_SOCKET)
-        ubusd = first_existing(BUILD / "platform/bus/ubusd", "/sbin/ubusd", "/usr/sbin/ubusd")
-        self.bus = Process("ubusd", [ubusd, "-s", BUS_SOCKET])
+        self.bus = Process("ubusd", [*bus_program("ubusd"), "-s", BUS_SOCKET])
         wait_until(lambda: os.path.exists(BUS_SOCKET), "the broker's socket")
         return self.bus
 
@@ -219,12 +227,15 @@ class World:
                                                               "allocator_release_to_os_interval_ms=-1"))),
                        **(env or {})}
         if clock:
-            libraries.append(first_existing("/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
-                                            "/usr/lib/aarch64-linux-gnu/faketime/libfaketimeMT.so.1"))
+            prefix = placed(os.environ["QEMU_LD_PREFIX"]) if EMULATOR else ""
+            libraries.append(first_existing(*(f"{prefix}/usr/lib/{machine}-linux-gnu/faketime/libfaketimeMT.so.1"
+                                              for machine in ("x86_64", "aarch64"))))
             self.offset = 0
             CLOCK.write_text("+0")
-            environment |= {"FAKETIME_TIMESTAMP_FILE": str(CLOCK), "FAKETIME_NO_CACHE": "1"}
-        command = [DAEMON, *(options or ("-s", BUS_SOCKET))]
+            # The event loop's clock as well: which one a preload moves by itself depends on the processor.
+            environment |= {"FAKETIME_TIMESTAMP_FILE": str(CLOCK), "FAKETIME_NO_CACHE": "1",
+                            "FAKETIME_DONT_FAKE_MONOTONIC": "0"}
+        command = [*EMULATOR, DAEMON, *(options or ("-s", BUS_SOCKET))]
         # Only the daemon is preloaded, not a program that wraps it.
         self.daemon = Process("korvid", [*wrapper, "/usr/bin/env", "LD_PRELOAD=" + ":".join(libraries), *command],
                               env=environment)
@@ -247,9 +258,8 @@ class World:
     # The bus.
 
     def ubus(self, *words, timeout=30):
-        tool = first_existing(BUILD / "platform/bus/ubus", "/bin/ubus", "/usr/bin/ubus")
-        return subprocess.run([tool, "-s", BUS_SOCKET, "-S", "-t", str(timeout), *words], capture_output=True,
-                              text=True, check=False)
+        return subprocess.run([*bus_program("ubus"), "-s", BUS_SOCKET, "-S", "-t", str(timeout), *words],
+                              capture_output=True, text=True, check=False)
 
     def is_serving(self):
         return self.ubus("call", "dpi", "SetavDebugSettings", timeout=1).returncode == 0

@@ -34,7 +34,7 @@ class Start(case.SystemTest):
         self.world.start()
         second = world.Process("second", ["/usr/bin/env",
                                           f"LD_PRELOAD={world.BUILD}/platform/kernel/libnetlink26.so",
-                                          world.BUILD / "src/korvid", "-s", world.BUS_SOCKET],
+                                          *world.EMULATOR, world.BUILD / "src/korvid", "-s", world.BUS_SOCKET],
                                env={"KORVID_DPIMOD_SOCKET": world.MODULE_SOCKET})
         world.wait_until(lambda: "Failed to add object: Invalid argument\n" in second.stderr, "the message")
         self.assertTrue(second.running())
@@ -57,7 +57,7 @@ class Start(case.SystemTest):
                 self.world.enable()
                 if method:
                     os.mkfifo(pipe)
-                    asker = world.Process("ubus", [world.BUILD / "platform/bus/ubus", "-s", world.BUS_SOCKET, "call", "dpi",
+                    asker = world.Process("ubus", [*world.bus_program("ubus"), "-s", world.BUS_SOCKET, "call", "dpi",
                                                    method, json.dumps(arguments)])
                     with open(pipe, "wb"):  # opens once the daemon reads it
                         self.world.bus.stop(signal.SIGKILL)
