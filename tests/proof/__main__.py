@@ -6,7 +6,7 @@ import time
 
 from proof import base
 
-FAMILIES = ("storage", "kill", "memory", "kernel", "kits", "bus", "servers", "clock")
+FAMILIES = ("storage", "kill", "memory", "kernel", "kits", "bus", "clock")
 
 
 def chosen(words):

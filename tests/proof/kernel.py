@@ -81,24 +81,6 @@ def records_again(run):
 
 
 @fault
-def overruns(run):
-    """ENOBUFS on the packet socket and on the control socket, again and again while packets flow
-
-    logs each and reads on; verdicts and reports go on
-    """
-    run.configured(clock=True)
-    run.module.command("generate flows=100000 packets=100000000 ports=10001,10004 rate=3000")
-    for number in range(run.often(20, 200)):
-        run.module.command("overrun" if number % 2 else "overrun control")
-        run.provoke()
-    run.module.command("stop")
-    run.module.command("wait 30000")
-    world.wait_until(lambda: run.log().count(NO_ROOM) > 0, "the log lines")
-    run.check("Control Msg Socket Error adding the uloop again" in run.log(), "the control socket's is not told")
-    records_again(run)
-
-
-@fault
 def ring_overflows(run):
     """the daemon stands still while three times as many packets come as the ring holds
 

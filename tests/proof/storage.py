@@ -6,7 +6,7 @@ import shutil
 import subprocess
 
 import world
-from proof.base import (APPS, HOURLY, MONITORED, MONITORED_OLD, RECORDS, RECORDS_OLD, fault, port_of)
+from proof.base import (APPS, HOURLY, MONITORED, RECORDS, RECORDS_OLD, fault, port_of)
 
 
 def mount(*words):
@@ -86,19 +86,6 @@ def flash_full(run):
         flushes(run, [strike] * 3, doubles=True)
         run.accepted("lines that reached the file before the write that failed stand in it twice")
         run.check("ailed to write" in run.log() or "ailed to open" in run.log(), "the log does not tell")
-        run.finish()
-
-
-@fault
-def flash_read_only(run):
-    """/flash is read-only when enforcement records are flushed
-
-    keeps the reports queued and writes them all once it can
-    """
-    with small("/flash", "2m"):
-        run.configured(clock=True)
-        flushes(run, [lambda: read_only("/flash")] * 3)
-        run.check("ailed to open" in run.log(), "the log does not tell")
         run.finish()
 
 
@@ -209,22 +196,6 @@ def log_full(run):
 
 
 @fault
-def log_read_only(run):
-    """/var/log becomes read-only and the logs are above their limit, so that they would have to be restarted
-
-    serves on
-    """
-    def strike():
-        for path in (world.LOG, world.REQUEST_LOG):
-            with open(path, "ab") as out:
-                out.write(b"grown behind its back\n" * 100000)
-        # The daemon holds its files open for writing, which a remount refuses; a read-only cover does not.
-        mount("--bind", "/var/log", "/var/log")
-        mount("-o", "remount,ro,bind", "/var/log")
-    log_fault(run, strike, lambda: unmount("/var/log"))
-
-
-@fault
 def log_gone(run):
     """/var/log is removed; /var/log/dpi.log is replaced by a folder
 
@@ -239,25 +210,6 @@ def log_gone(run):
     run.start_daemon()
     run.provoke()
     run.check("korvid start 4MB" in run.daemon.stderr, "no lines on standard error")
-
-
-@fault
-def logs_grown(run):
-    """both logs are grown above 2 MiB behind its back
-
-    starts each anew
-    """
-    run.configured()
-    for _ in range(3):
-        for path in (world.LOG, world.REQUEST_LOG):
-            with open(path, "ab") as out:
-                out.write(b"grown behind its back\n" * 100000)
-            run.provoke()
-        run.log_level("DEBUG")
-        run.dump("yes")
-        for path in (world.LOG, world.REQUEST_LOG):
-            run.check(path.stat().st_size < 1 << 20, f"{path} was not restarted")
-    run.serving()
 
 
 def config_fault(run, strike, restore, why):
@@ -296,53 +248,12 @@ def config_full(run):
 
 
 @fault
-def config_read_only(run):
-    """/var/config is read-only when settings are saved
-
-    keeps the file that was there whole and says so in the log; the next save succeeds
-    """
-    with small("/var/config", "64k"):
-        config_fault(run, lambda: mount("-o", "remount,ro", "/var/config"),
-                     lambda: mount("-o", "remount,rw", "/var/config"), "")
-        run.finish()
-
-
-@fault
 def config_gone(run):
     """/var/config is removed while the daemon runs, and made again
 
     serves on; the next save succeeds
     """
     config_fault(run, lambda: shutil.rmtree("/var/config"), lambda: os.mkdir("/var/config"), "")
-
-
-@fault
-def config_in_the_way(run):
-    """the configuration file is a folder, a link to nowhere, a link into itself, empty, not JSON, 40 MB of brackets
-
-    starts without settings or follows the link; saves through a link
-    """
-    run.configured()
-    path = world.CONFIG
-    for strike in (lambda: path.mkdir(), lambda: path.symlink_to("/tmp/nowhere/dpi.conf"),
-                   lambda: path.symlink_to(path), lambda: path.write_text(""), lambda: path.write_text("{]"),
-                   lambda: path.write_bytes(b"[" * 40000000), lambda: path.write_bytes(b"[" * 4000000)):
-        if path.is_dir() and not path.is_symlink():
-            path.rmdir()
-        else:
-            path.unlink(missing_ok=True)
-        run.daemon.stop()
-        strike()
-        run.provoke()
-        run.start_daemon()
-        run.enable()
-        run.serving()
-    path.unlink()
-    path.symlink_to("/tmp/elsewhere.conf")
-    run.call("SETappMonActivateAppList", {})
-    run.settle()
-    run.provoke()
-    run.check(os.path.exists("/tmp/elsewhere.conf") and path.is_symlink(), "not saved through a link")
 
 
 @fault
@@ -413,52 +324,3 @@ def record_files_replaced(run):
             target.unlink()
         run.flush()
     run.unwritten(expected, sorted(pathlib.Path("/tmp").glob("kept*")) + [RECORDS_OLD, RECORDS])
-
-
-@fault
-def record_file_grown(run):
-    """the enforcement record file is grown behind its back: lines of another, a line without an end, a million lines
-
-    appends whole lines after them and moves the file once it is above its threshold
-    """
-    run.configured(clock=True)
-    for number, growth in enumerate((b"some,other\n" * 10, b"no end", b"x\n" * 1000000)):
-        run.module.command("clear")
-        run.flows(20, first=1000 * number)
-        run.report()
-        with open(RECORDS, "ab") as out:
-            out.write(growth)
-        run.provoke()
-        run.flush()
-        own = [line for path in (RECORDS_OLD, RECORDS) for line in world.text_of(path).splitlines()
-               if line.startswith("IPv4,") and line.count(",") == 17]
-        if len(own) != 20 * (number + 1):
-            run.lost(f"{20 * (number + 1) - len(own)} lines")
-    run.restart_daemon(clock=True)
-    run.enable()
-    run.flows(5, first=9000)
-    run.report()
-    run.flush()
-    run.check(RECORDS_OLD.stat().st_size > 2000000, "the grown file was not moved")
-
-
-@fault
-def rotation_blocked(run):
-    """the name for the rotated record file is taken by a folder
-
-    says so, keeps every line in the current file and rotates at the next occasion
-    """
-    run.configured(clock=True)
-    RECORDS_OLD.mkdir()
-    MONITORED_OLD.mkdir()
-    run.flows(180)
-    for _ in range(8):
-        run.report()
-    run.provoke(2)
-    run.flush()
-    run.check("Failed to rename" in run.log(), "the log does not tell")
-    RECORDS_OLD.rmdir()
-    run.report()
-    run.flush()
-    run.check(RECORDS_OLD.is_file(), "no rotation once the name is free")
-    run.unwritten({port_of(flow): 9 for flow in range(180)})

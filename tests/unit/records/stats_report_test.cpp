@@ -152,38 +152,6 @@ TEST_F(StatsReport, UnknownNumbersAreSteppedOver) {
     EXPECT_EQ(logCount("stats_report_cb \n"), 1U) << "for the attribute above 13, at every level";
 }
 
-// The memory of the message ends where it is cut, for the sanitizers to see a read beyond.
-TEST_F(StatsReport, MessageCutAnywhereIsHarmless) {
-    const auto named = [](const Attrs &attrs) {
-        return with(with(attrs, DPI_STA_R_A_ACCESS_PROFILE, "staff"), DPI_STA_R_A_QOS_POLICY_RULE, "gold");
-    };
-    StatsMessage message;
-    message.count(2).report(named(reportOf(flow4_))).report(named(reportOf(flow6_)));
-    for (size_t size = sizeof(nlmsghdr); size < message.size(); size++) {
-        message.deliver(size);
-        ASSERT_LE(ft4CommonIndex, 1) << size;
-        ASSERT_EQ(ft6CommonIndex, size + 4 > message.size() ? 1 : 0) << size;
-        clearAll();
-    }
-    EXPECT_EQ(message.deliver(), 1);
-    EXPECT_EQ(ft4CommonIndex + ft6CommonIndex, 2);
-}
-
-// An inner length that runs over the outer one, for every attribute of a report.
-TEST_F(StatsReport, InnerLengthBeyondTheReportIsHarmless) {
-    const Attrs attrs = with(reportOf(flow4_), DPI_STA_R_A_ACCESS_PROFILE, "staff");
-    for (const Attr &attr : attrs)
-        for (const uint16_t claimed : std::initializer_list<uint16_t>{0, 3, 5, 200, 0xffff}) {
-            std::string bytes = attrBytes(attrs);
-            const size_t at = bytes.find(attrBytes({attr}));
-            ASSERT_NE(at, std::string::npos);
-            memcpy(&bytes[at], &claimed, sizeof claimed);
-            StatsMessage().count(1).attr(DPI_STA_A_REPORT, bytes).deliver();
-            ASSERT_LE(ft4CommonIndex, 1);
-            clearAll();
-        }
-}
-
 TEST_F(StatsReport, ReportThatFindsAFullQueueFlushesFirst) {
     for (int i = 0; i < kReportQueueSize; i++) report(reportOf(flow4_));
     EXPECT_EQ(report(reportOf(flow6_)), 1);
