@@ -83,6 +83,7 @@ bool readIpv6(Packet &packet) {
             offset += size_t{4} * (header[1] + 2U);
         else
             offset += size_t{8} * (header[1] + 1U);
+        if (packet.len < offset) return false;
     }
     return false;
 }
