@@ -9,6 +9,9 @@ namespace dpimod {
 namespace {
 
 constexpr uint16_t kEtherIp4 = 0x0800, kEtherIp6 = 0x86dd;
+constexpr uint16_t kEtherMpls = 0x8847, kEtherMplsDownstream = 0x8848, kEtherPppoe = 0x8864;
+constexpr uint16_t kPppIp4 = 0x0021, kPppIp6 = 0x0057;
+constexpr uint8_t kCiscoUnicast = 0x0f, kCiscoMulticast = 0x8f;
 constexpr size_t kIp4Header = 20, kIp6Header = 40;
 
 uint16_t be16(ByteView bytes, size_t at) {
@@ -39,6 +42,24 @@ Strip take(ByteView frame, size_t at, int version, ByteView &ip) {
     return ip.size() < (found == 4 ? kIp4Header : kIp6Header) ? Strip::tooShort : Strip::ok;
 }
 
+// RFC 1661 and 1662: address and control may be there, and a protocol number may be one byte.
+Strip takePpp(ByteView frame, size_t at, ByteView &ip) {
+    if (frame.size() > at + 1 && frame[at] == 0xff && frame[at + 1] == 0x03) at += 2;
+    if (frame.size() < at + 2) return Strip::tooShort;
+    const bool oneByte = frame[at] & 1;
+    const uint16_t type = oneByte ? frame[at] : be16(frame, at);
+    if (type != kPppIp4 && type != kPppIp6) return Strip::notIp;
+    return take(frame, at + (oneByte ? 1 : 2), type == kPppIp4 ? 4 : 6, ip);
+}
+
+// A stack of labels, RFC 3032; the last one has the lowest bit of its third byte set.
+Strip takeMpls(ByteView frame, size_t at, ByteView &ip) {
+    for (;; at += 4) {
+        if (frame.size() < at + 4) return Strip::tooShort;
+        if (frame[at + 2] & 1) return take(frame, at + 4, 0, ip);
+    }
+}
+
 Strip takeEther(ByteView frame, size_t typeAt, size_t payloadAt, ByteView &ip) {
     if (frame.size() < typeAt + 2) return Strip::tooShort;
     uint16_t type = be16(frame, typeAt);
@@ -47,6 +68,8 @@ Strip takeEther(ByteView frame, size_t typeAt, size_t payloadAt, ByteView &ip) {
         type = etherType(frame, payloadAt);
         if (type == 0) return Strip::tooShort;
     }
+    if (type == kEtherMpls || type == kEtherMplsDownstream) return takeMpls(frame, payloadAt, ip);
+    if (type == kEtherPppoe) return takePpp(frame, payloadAt + 6, ip);  // RFC 2516
     if (type != kEtherIp4 && type != kEtherIp6) return Strip::notIp;
     return take(frame, payloadAt, type == kEtherIp4 ? 4 : 6, ip);
 }
@@ -119,6 +142,9 @@ bool linkTypeKnown(int linkType) {
         case DLT_LINUX_SLL2:
         case DLT_NULL:
         case DLT_LOOP:
+        case DLT_PPP:
+        case DLT_PPP_SERIAL:
+        case DLT_C_HDLC:
             return true;
         default:
             return false;
@@ -144,6 +170,14 @@ Strip stripLink(int linkType, ByteView frame, ByteView &ip) {
         case DLT_NULL:
         case DLT_LOOP:
             return take(frame, 4, 0, ip);  // the family's number differs between systems
+        case DLT_PPP_SERIAL:
+            if (!frame.empty() && (frame[0] == kCiscoUnicast || frame[0] == kCiscoMulticast))
+                return takeEther(frame, 2, 4, ip);
+            return takePpp(frame, 0, ip);
+        case DLT_PPP:
+            return takePpp(frame, 0, ip);
+        case DLT_C_HDLC:
+            return takeEther(frame, 2, 4, ip);
         default:
             return Strip::notIp;
     }

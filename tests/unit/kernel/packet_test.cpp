@@ -40,6 +40,13 @@ const std::vector<LinkRow> &linkRows() {
         {"cooked 2", DLT_LINUX_SLL2, "0800 0000 00000002 0001 00 06 0200000000010000"},
         {"cooked 2, ARP", DLT_LINUX_SLL2, "0806 0000 00000002 0001 00 06 0200000000010000", Strip::notIp},
         {"loopback", DLT_NULL, "02000000"},
+        {"MPLS, two labels", DLT_EN10MB, kMacs + "8847 00010040 00011140"},
+        {"PPPoE", DLT_EN10MB, kMacs + "8864 1100 0001 0020 0021"},
+        {"PPP", DLT_PPP, "0021"},
+        {"PPP, framed, short number", DLT_PPP, "ff03 21"},
+        {"PPP, link control", DLT_PPP, "c021", Strip::notIp},
+        {"PPP or Cisco, Cisco", DLT_PPP_SERIAL, "0f00 0800"},
+        {"Cisco", DLT_C_HDLC, "0f00 0800"},
         {"wireless", DLT_IEEE802_11, "", Strip::notIp},
     };
     return rows;
