@@ -2,9 +2,11 @@
 import argparse
 import collections
 import ipaddress
+import itertools
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import sys
 
@@ -34,13 +36,24 @@ class Side:
         self.text = {}
 
     def add(self, proto, source, target, name):
+        """Ends are (address text, port)."""
+        source, target = ((one_form(address), port) for address, port in (source, target))
         key = flow_key(proto, source, target)
         self.names[key].append(name)
         self.text.setdefault(key, flow_text(proto, source, target))
+        return key
 
     def said(self, key):
         """The flow's names without repetition; a connection's ports may have been used several times."""
         return list(dict.fromkeys(self.names.get(key, [])))
+
+
+def one_form(address):
+    """Of the texts that an address may have; what is none stays as it is."""
+    try:
+        return str(ipaddress.ip_address(address))
+    except ValueError:
+        return address
 
 
 def flow_text(proto, source, target):
@@ -53,7 +66,30 @@ def flow_text(proto, source, target):
 
 # The reader.
 
-def read(capture, *options):
+class ReaderAddresses:
+    """Which of a capture's addresses a text of the reader means.
+
+    It writes the shortest form, and then "::" for every ":0:" that is left: "1::2::3" may be several addresses.
+    """
+
+    def __init__(self, flows):
+        self.flows = flows
+        self.meant = collections.defaultdict(set)
+        for address in {address for key in flows for address, _ in key[1:]}:
+            shortest = address
+            if ":" in address:
+                shortest = socket.inet_ntop(socket.AF_INET6, ipaddress.IPv6Address(address).packed)
+            self.meant[shortest.replace(":0:", "::")].add(address)
+
+    def ends(self, proto, *ends, taken):
+        """The ends of a flow of the capture, preferably of one that is not taken yet; None if it holds no such flow."""
+        found = [pair for pair in itertools.product(*(
+                     [(address, port) for address in sorted(self.meant[text])] for text, port in ends))
+                 if flow_key(proto, *pair) in self.flows]
+        return next((pair for pair in found if flow_key(proto, *pair) not in taken), found[0] if found else None)
+
+
+def read(capture, flows, *options):
     """ndpiReader's flows; a protocol inside another ("TLS.Wikipedia") counts as the inner one, as in korvid's verdict.
 
     From its text: the table that it can write leaves out the flows that it did not recognise.
@@ -65,11 +101,12 @@ def read(capture, *options):
         raise RuntimeError(f"ndpiReader ended with {done.returncode}: {said[-300:]}")
     side = Side()
     side.confidence = {}
+    addresses = ReaderAddresses(flows)
     for proto, source, sport, target, dport, name, confidence in READER_FLOW.findall(done.stdout):
         number = READER_PROTOCOLS.get(proto) or int(proto)
         ends = (source.strip("[]"), int(sport)), (target.strip("[]"), int(dport))
-        side.add(number, *ends, name.split(".")[-1])
-        side.confidence[flow_key(number, *ends)] = confidence
+        ends = addresses.ends(number, *ends, taken=side.names) or ends
+        side.confidence[side.add(number, *ends, name.split(".")[-1])] = confidence
     return side
 
 
@@ -118,16 +155,15 @@ def play(system, capture, flows):
 # holds of the flow.  A flow that no rule covers stays unexplained.
 
 class Evidence:
-    def __init__(self, capture, reader):
-        self.capture, self.reader = capture, reader
-        self.flows = capture_packets.flows(capture.read_bytes())
-        self.lower_halves = {lower_halves(key) for key in reader.names} - {None}
+    def __init__(self, path, capture, reader):
+        self.path, self.capture, self.reader = path, capture, reader
+        self.lower_halves = collections.Counter(map(lower_halves, capture.flows))
         self._cache = {}
 
     def says(self, key, *options):
         """The reader's names for the flow, run with further options."""
         if options not in self._cache:
-            self._cache[options] = read(self.capture, *options)
+            self._cache[options] = read(self.path, self.capture.flows, *options)
         return self._cache[options].said(key)
 
 
@@ -136,10 +172,21 @@ CLASSES = {
     "packet limit": f"shows late; agrees when the reader gives up after {ENGINE_PACKETS} packets as the engine does",
     "other flows": "the reader goes by what it saw of the same hosts before, not by this flow; the engine does not",
     "reused ports": "several connections with the same ports: a verdict for each, one flow for the reader",
+    "after its end": "packets that show more came after the connection had ended, and with it korvid's verdict",
     "tunnel": "the reader names the flows inside the tunnel, korvid the tunnel: its packets are what the switch forwards",
     "IPv6 prefix": "the reader goes by the last 64 bits of addresses, and takes two flows for one",
     "cut": "the capture holds the beginnings of these packets only, and the reader leaves them out",
+    "fragments": "the reader takes the content of later fragments for ports, korvid leaves them out",
+    "odd lengths": "lengths in the packets contradict each other: one of the two leaves them out, or reads other ports",
+    "AH": "IPv6 with an authentication header: korvid follows the connection behind it, the reader the header",
+    "no ports": "the reader takes no ports from SCTP, DCCP and UDP-Lite, korvid does",
+    "no next header": "the IPv6 header says that nothing follows, and the reader leaves such packets out",
+    "link": "the packets lie in something that one of the two does not look into: two VLAN tags, LLC, an Ethernet type that is not IP's",
 }
+# Links as in capture_packets.Flow.
+READER_SKIPS = {(1, "vlan", "vlan"), (capture_packets.LOOP,), (capture_packets.SLL2,),
+                (capture_packets.PPP, "address"), (capture_packets.PPP, "short")}
+KORVID_SKIPS = {(1, "snap"), (1, capture_packets.OTHER_TYPE)}
 
 
 def lower_halves(key):
@@ -149,19 +196,45 @@ def lower_halves(key):
     return (key[0], *sorted((ipaddress.ip_address(address).packed[8:], port) for address, port in key[1:]))
 
 
+def without_flow(key, capture):
+    """Why the reader may see a flow that the capture does not hold: a class, or None."""
+    oddities = capture.oddities_of(key)
+    if key[0] == capture_packets.AH and "AH" in oddities:
+        return "AH"
+    if key[0] in {132, 33, 136} and any(capture_packets.hosts(other) == capture_packets.hosts(key)
+                                        for other in capture.flows):
+        return "no ports"
+    return "fragments" if "fragments" in oddities else "odd lengths" if "odd" in oddities else None
+
+
+def one_sided(key, flow, ours, evidence):
+    """Why only one of the two has a flow: a class, or None."""
+    if not ours and 0 not in flow.depths:
+        return "tunnel"
+    if ours and 0 in flow.depths and key[0] in TUNNEL_PROTOCOLS:
+        return "tunnel"
+    if ours and lower_halves(key) and evidence.lower_halves[lower_halves(key)] > 1:
+        return "IPv6 prefix"
+    if ours and flow.cut == flow.packets:
+        return "cut"
+    if flow.odd == flow.packets:
+        return "odd lengths"
+    if ours and flow.authenticated == flow.packets:
+        return "AH"
+    if ours and key[0] in {132, 33, 136}:
+        return "no ports"
+    if ours and key[0] == capture_packets.NO_NEXT_HEADER:
+        return "no next header"
+    return "link" if flow.links <= (READER_SKIPS if ours else KORVID_SKIPS) else None
+
+
 def explain(key, ours, theirs, evidence):
     """A class, or None."""
-    flow = evidence.flows.get(key)
+    flow = evidence.capture.flows.get(key)
     if flow is None:
-        return None
-    if not ours:
-        return "tunnel" if 0 not in flow.depths else None
-    if not theirs:
-        if 0 in flow.depths and key[0] in TUNNEL_PROTOCOLS:
-            return "tunnel"
-        if lower_halves(key) in evidence.lower_halves:
-            return "IPv6 prefix"
-        return "cut" if flow.cut == flow.packets else None
+        return None if ours else without_flow(key, evidence.capture)
+    if not ours or not theirs:
+        return one_sided(key, flow, ours, evidence)
     confidence = evidence.reader.confidence.get(key, "")
     if evidence.says(key, "-d") == ours or (ours == [UNKNOWN] and confidence.startswith("Match by")):
         return "guessed"
@@ -171,7 +244,11 @@ def explain(key, ours, theirs, evidence):
         return "other flows"
     if flow.starts > 1 and set(theirs) <= set(ours):
         return "reused ports"
-    return None
+    if flow.after_end and UNKNOWN in ours:
+        return "after its end"
+    if lower_halves(key) and evidence.lower_halves[lower_halves(key)] > 1:
+        return "IPv6 prefix"
+    return "odd lengths" if flow.odd else None
 
 
 # Tables.
@@ -213,23 +290,24 @@ class Summary:
             print(f"{name}: NOT COMPARED: {reason}")
 
 
-def differences(capture, reader, ours):
+def differences(path, capture, reader, ours):
     """{flow key: class, or None for an unexplained difference}"""
     keys = [key for key in dict.fromkeys([*reader.names, *ours.names]) if ours.said(key) != reader.said(key)]
-    evidence = Evidence(capture, reader) if keys else None
+    evidence = Evidence(path, capture, reader) if keys else None
     return {key: explain(key, ours.said(key), reader.said(key), evidence) for key in keys}
 
 
-def compare(name, capture, system, summary, options):
-    reader = read(capture)
+def compare(name, path, system, summary, options):
+    capture = capture_packets.Capture(path.read_bytes())
+    reader = read(path, capture.flows)
     most_flows = 2 * len(reader.names) + 100
-    ours = play(system, capture, most_flows)
-    found = differences(capture, reader, ours)
+    ours = play(system, path, most_flows)
+    found = differences(path, capture, reader, ours)
     if None in found.values():
         # Unlike the reader, which knows one file, this engine has seen the captures before.
         fresh_engine(system)
-        ours = play(system, capture, most_flows)
-        found = differences(capture, reader, ours)
+        ours = play(system, path, most_flows)
+        found = differences(path, capture, reader, ours)
 
     rows = [("flow", "korvid", "ndpiReader", "", "why")]
     keys = list(dict.fromkeys([*reader.names, *ours.names]))
