@@ -2,6 +2,7 @@
 import json
 import os
 import signal
+import socket
 import time
 import unittest
 
@@ -71,8 +72,8 @@ class Start(case.SystemTest):
                     self.assertEqual(self.mirror_states(), [1, 0])
 
     def test_what_the_bus_tells_or_does_during_the_start_waits_for_the_loop(self):
-        """An event comes with an answer; then the bus goes on, dies, or dies while the next request waits for it."""
-        for answered, then in ((0, "dies"), (1, "goes on"), (1, "dies"), (1, "dies later"), (2, "dies")):
+        """An event comes with an answer; then the bus goes on, dies, at once or with the next request, or only falls silent."""
+        for answered, then in ((0, "dies"), (1, "goes on"), (1, "dies"), (1, "dies later"), (2, "dies"), (2, "ends its side")):
             with self.subTest(answered=answered, then=then), world.World() as self.world, Broker() as broker:
                 world.CONFIG.write_text('{"ApplicationVisbilityProfile": [{"appMonAdminState": {"adminState": "enable"}}]}')
                 self.world.start_module()
@@ -84,7 +85,9 @@ class Start(case.SystemTest):
                     broker.answer(1)
                 elif then == "dies later":
                     broker.request()
-                if then != "goes on":
+                if then == "ends its side":
+                    broker.connection.shutdown(socket.SHUT_WR)
+                elif then != "goes on":
                     broker.end()
                 # First the daemon's own reading of the configuration, then that of the event.
                 world.wait_until(lambda: self.mirror_states() == [1, 0, 1] or not self.world.daemon.running(), "both loads")
@@ -97,6 +100,7 @@ class Start(case.SystemTest):
     def assert_serves_without_a_bus(self, end):
         self.assertTrue(self.world.daemon.running())
         self.assertEqual(self.log().count(LOST), 1)
+        world.wait_until(lambda: ") S " in world.text_of(f"/proc/{self.world.daemon.pid}/stat"), "a loop that sleeps")
         self.assertEqual(self.world.daemon.stop(end), 0)
 
     def test_an_unwritable_log_goes_to_standard_error(self):
