@@ -62,30 +62,30 @@ void takeOffBothLists(AmActiveApp &app) EXCLUDES(amModelLock)
 }
 
 // What differs between the two lists.
-struct List {
+struct ListMarks {
     uint8_t AmActiveApp::*onList;
     uint8_t AmActiveApp::*onOtherList;
     uint8_t AmAppGrp::*groupOnList;
     const char *title;
 };
-constexpr List kMonitoring{&AmActiveApp::isMonitoring, &AmActiveApp::isEnforcement, &AmAppGrp::isMonitoring,
-                           "---- Monitoring Application List ------\n"};
-constexpr List kEnforcement{&AmActiveApp::isEnforcement, &AmActiveApp::isMonitoring, &AmAppGrp::isEnforcement,
-                            "---- Enforcement Application List ------\n"};
+constexpr ListMarks kMonitoringMarks{&AmActiveApp::isMonitoring, &AmActiveApp::isEnforcement,
+                                     &AmAppGrp::isMonitoring, "---- Monitoring Application List ------\n"};
+constexpr ListMarks kEnforcementMarks{&AmActiveApp::isEnforcement, &AmActiveApp::isMonitoring,
+                                      &AmAppGrp::isEnforcement, "---- Enforcement Application List ------\n"};
 
-const List *listOfType(uint32_t listType) {
+const ListMarks *listOfType(uint32_t listType) {
     switch (listType) {
         case AM_LIST_MONITORING:
-            return &kMonitoring;
+            return &kMonitoringMarks;
         case AM_LIST_ENFORCEMENT:
-            return &kEnforcement;
+            return &kEnforcementMarks;
         default:
             return nullptr;
     }
 }
 
 // Only entries that change are locked, each on its own: the callback waits for one entry at most.
-void clearList(const List &list) EXCLUDES(amModelLock)
+void clearList(const ListMarks &list) EXCLUDES(amModelLock)
 {
     for (AmActiveApp *app = amActData; app != amActData + amMaxAppIdCount; app++) {
         if (app->*list.onList != 1) continue;
@@ -102,7 +102,7 @@ void clearList(const List &list) EXCLUDES(amModelLock)
     }
 }
 
-void printList(const List &list) {
+void printList(const ListMarks &list) {
     if (!amLogWanted(AM_LOG_INFO)) return;
     amLog(AM_LOG_INFO, "%s", list.title);
     for (uint32_t id = 0; const AmActiveApp *app = amActiveApp(id); id++) {
@@ -221,7 +221,7 @@ int amAddAppToAppList(const char *appName, const char *grpName, uint32_t listTyp
               app->appId);
         return 0;
     }
-    const List *list = listOfType(listType);
+    const ListMarks *list = listOfType(listType);
     {
         const AmGuard guard(amModelLock);
         if (grpName) {
@@ -252,7 +252,7 @@ int amAddGrpToAppList(const char *grpName, uint32_t listType) {
               grpName, static_cast<int>(listType));
         return 0;
     }
-    const List *list = listOfType(listType);
+    const ListMarks *list = listOfType(listType);
     if (list)
         group->*list->groupOnList = 1;
     else
@@ -263,14 +263,14 @@ int amAddGrpToAppList(const char *grpName, uint32_t listType) {
 int amClearAppMonList() {
     if (!amActData) return 1;
     amLog(AM_LOG_DEBUG, "%s:%d Clean the App-Mon Monitor List\n", __func__, __LINE__);
-    clearList(kMonitoring);
+    clearList(kMonitoringMarks);
     return 1;
 }
 
 int amClearAppEnfList() {
     if (!amActData) return 1;
     amLog(AM_LOG_DEBUG, "%s:%d Clean the App-Mon Enforcement List\n", __func__, __LINE__);
-    clearList(kEnforcement);
+    clearList(kEnforcementMarks);
     return 1;
 }
 
@@ -292,7 +292,7 @@ char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNam
     strcpy(appNameOut, "-");
     strcpy(grpNameOut, "-");
     const AmActiveApp *app = amActiveApp(appId);
-    const List *list = listOfType(listType);
+    const ListMarks *list = listOfType(listType);
     if (!app || !list || !(app->*list->onList)) return grpNameOut;
     strncpy(appNameOut, app->appName, kAppNameSize);
     if (!app->isPartOfGroup) return grpNameOut;
@@ -311,9 +311,9 @@ void debugPrintAppGrp() {
 }
 
 void debugPrintMonAppList() {
-    printList(kMonitoring);
+    printList(kMonitoringMarks);
 }
 
 void debugPrintEnfAppList() {
-    printList(kEnforcement);
+    printList(kEnforcementMarks);
 }
