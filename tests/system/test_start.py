@@ -1,6 +1,7 @@
 """Start-up, shutdown and signals, as an init system sees them."""
 import json
 import os
+import re
 import signal
 import socket
 import time
@@ -117,6 +118,14 @@ class Start(case.SystemTest):
             self.assertEqual(os.readlink(f"/proc/{self.world.daemon.pid}/fd/{number}"), "/dev/null")
         self.world.install_kit(apps={1: "Mail"})  # its commands print, and fail where they cannot
         self.world.call("SETavDpiAppList", {"appList": [{"appName": "Mail"}]})
+
+    def test_commands_of_a_kit_inherit_no_descriptor(self):
+        self.world.start()
+        self.world.install_kit(apps={1: "Mail"})
+        folder = f"/proc/{self.world.daemon.pid}"
+        inherited = [os.readlink(f"{folder}/fd/{fd}") for fd in os.listdir(f"{folder}/fd") if int(fd) > 2 and
+                     not int(re.search(r"flags:\s+(\d+)", world.text_of(f"{folder}/fdinfo/{fd}"))[1], 8) & os.O_CLOEXEC]
+        self.assertEqual(inherited, [])
 
     def test_interrupt_stops_mirroring_before_the_end(self):
         self.world.start()

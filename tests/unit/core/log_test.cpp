@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -85,8 +86,13 @@ TEST_F(Log, FileIsRestartedAtTwoMebibytesExactly) {
     amLog(AM_LOG_ERROR, "first\n");
     EXPECT_EQ(text().substr(19), " [ERROR]: first\n") << "no other line, no older copy";
 
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = descriptors();
     setSize(2'097'152);
     amLog(AM_LOG_ERROR, "again\n");
+    EXPECT_EQ(descriptors(), before);
     EXPECT_EQ(text().substr(19), " [ERROR]: again\n");
     struct stat file {};
     ASSERT_EQ(stat(kLogPath, &file), 0);

@@ -1,4 +1,5 @@
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "core/log.h"
 #include "netlink/enf_flow_db.h"
@@ -58,6 +59,18 @@ TEST_F(Mirror, EveryChangeIsSentOnce) {
     EXPECT_TRUE(lines[0].ends_with(" Enable the DPI-NetLink Mirror"));
     EXPECT_TRUE(lines[1].ends_with(" Disable the DPI-NetLink Mirror"));
     EXPECT_TRUE(lines[2].ends_with(" Disable the DPI-NetLink Mirror"));
+}
+
+using MirrorDeathTest = Mirror;
+
+TEST_F(MirrorDeathTest, AfterAnInterruptTheKernelHearsNothingMore) {
+    EXPECT_EXIT(
+        {
+            am::withdrawFromKernel();
+            amNetLinkMirrorState(1);
+            _exit(sentStates() == Bytes{0} ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 class ControlSocket : public testing::Test {

@@ -30,11 +30,12 @@ Bytes packetOf(uint8_t mark) {
 class Ring : public testing::Test {
   protected:
     static constexpr uint32_t kFrames = 1024;
+    static constexpr size_t kMapped = (kFrames + 1) * kMessageSize;  // behind the ring nothing can be read
 
     void SetUp() override {
-        memory_ =
-            mmap(nullptr, kFrames * kMessageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        memory_ = mmap(nullptr, kMapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         ASSERT_NE(memory_, MAP_FAILED);
+        ASSERT_EQ(mprotect(frame(kFrames), kMapped - kFrames * kMessageSize, PROT_NONE), 0);
         mmap_ring.ring = memory_;
         mmap_ring.frame_idx = 0;
         mmap_ring.req.nm_frame_nr = kFrames;
@@ -48,7 +49,7 @@ class Ring : public testing::Test {
     void TearDown() override {
         mmap_ring.ring = nullptr;
         packet_nls = nullptr;
-        munmap(memory_, kFrames * kMessageSize);
+        munmap(memory_, kMapped);
         const AmGuard gate(amEngineGate);
         process_pktptr = nullptr;
     }
@@ -122,6 +123,18 @@ TEST_F(Ring, MessagesThatDoNotFitAreSkipped) {
     EXPECT_EQ(drain(), am::Drained::empty);
     EXPECT_EQ(marks(), Bytes{1});
     EXPECT_EQ(mmap_ring.frame_idx, 3U);
+}
+
+TEST_F(Ring, LengthBeyondTheLastFrameIsCutToIt) {
+    mmap_ring.frame_idx = kFrames - 1;
+    const size_t room = kMessageSize - sizeof(NlMmapHdr);
+    const Bytes whole =
+        packetMessage({{DPI_PKT_A_DATA, Bytes(room - packetMessage({{DPI_PKT_A_DATA, {}}}).size(), 7)}});
+    ASSERT_EQ(whole.size(), room);
+    fill(kFrames - 1, whole);
+    frame(kFrames - 1)->nm_len = kMessageSize * 2;
+    EXPECT_EQ(drain(), am::Drained::empty);
+    EXPECT_EQ(marks(), Bytes{7});
 }
 
 TEST_F(Ring, FirstFrameFollowsTheLast) {

@@ -1,0 +1,47 @@
+#include "core/write_fully.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+
+namespace {
+
+int readEnd;
+char taken[1 << 18];
+size_t takenLength;
+
+// Makes room in the pipe, in a signal's handler: the write before it was cut short, or interrupted.
+void drain(int) {
+    ssize_t got;
+    while ((got = read(readEnd, taken + takenLength, sizeof taken - takenLength)) > 0)
+        takenLength += static_cast<size_t>(got);
+}
+
+TEST(WriteFully, ShortAndInterruptedWritesLoseAndRepeatNothing) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    readEnd = ends[0];
+    ASSERT_EQ(fcntl(readEnd, F_SETFL, O_NONBLOCK), 0);
+    std::string bytes(200'000, '\0');
+    for (size_t i = 0; i < bytes.size(); i++) bytes[i] = static_cast<char>(i * 2654435761U >> 13);
+
+    struct sigaction action {};
+    action.sa_handler = drain;  // without SA_RESTART
+    ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+    const itimerval often{{0, 1000}, {0, 1000}};
+    const itimerval never{};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    const size_t written = am::writeFully(ends[1], bytes);
+    ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
+    drain(0);
+    EXPECT_EQ(written, bytes.size());
+    EXPECT_TRUE(std::string(taken, takenLength) == bytes);
+    (void)close(ends[0]);
+    (void)close(ends[1]);
+}
+
+}  // namespace
