@@ -9,6 +9,7 @@ import struct
 TCP, UDP, ICMP, ICMP6, GRE, SCTP, DCCP, UDP_LITE = 6, 17, 1, 58, 47, 132, 33, 136
 FRAGMENT, AH, NO_NEXT_HEADER = 44, 51, 59
 PORTS = {TCP, UDP, SCTP, DCCP, UDP_LITE}
+IN_IP = {4, 41}
 SMALLEST = {TCP: 20, UDP: 8}
 EXTENSIONS = {0, 43, FRAGMENT, AH, 60, 135}
 VXLAN = 4789
@@ -164,7 +165,8 @@ def layers(data, cut=False, depth=0):
         if layer.proto == UDP and not layer.fragment and len(data) >= at + 8 and not cut:
             layer.odd |= int.from_bytes(data[at + 4:at + 6], "big") != len(data) - at
         yield layer
-        data = b"" if layer.later else inside(layer, data, at)
+        # Some look for an IP header in a tunnel's later fragments as well.
+        data = b"" if layer.later and layer.proto not in IN_IP else inside(layer, data, at)
         depth += 1
 
 
@@ -199,7 +201,7 @@ def header6(data):
 
 def inside(layer, data, at):
     """What a tunnel carries, from its IP header on."""
-    if layer.proto in (4, 41):
+    if layer.proto in IN_IP:
         return data[at:]
     if layer.proto == GRE and len(data) >= at + 4:  # RFC 2784, RFC 2890
         flags, kind = struct.unpack_from(">HH", data, at)
@@ -215,8 +217,8 @@ class Flow:
 
     def __init__(self):
         self.packets = 0
-        self.cut = self.odd = self.authenticated = 0  # of them
-        self.starts = 0  # of TCP connections
+        self.cut = self.odd = self.damaged = self.authenticated = 0  # of them; damaged: cut or odd
+        self.connections = 0  # one after the other, with the same ports
         self.after_end = 0  # packets with content that came after FIN both ways, or RST
         self.depths = set()  # 0: on the wire, 1: in a tunnel, ...
         self.links = set()  # (link type, what else is around the packet)
@@ -228,9 +230,10 @@ class Flow:
         self.links.add((link, *around))
         self.cut += layer.cut
         self.odd += layer.odd
+        self.damaged += layer.cut or layer.odd
         self.authenticated += layer.authenticated
         start = layer.proto == TCP and layer.flags & 0x12 == 0x02
-        self.starts += start
+        self.connections += start or self.packets == 1
         if start:
             self._ends.clear()
         self.after_end += len(self._ends) == 2 and layer.payload > 0

@@ -7,6 +7,7 @@ import pathlib
 import re
 import shutil
 import socket
+import struct
 import subprocess
 import sys
 
@@ -82,11 +83,11 @@ class ReaderAddresses:
             self.meant[shortest.replace(":0:", "::")].add(address)
 
     def ends(self, proto, *ends, taken):
-        """The ends of a flow of the capture, preferably of one that is not taken yet; None if it holds no such flow."""
-        found = [pair for pair in itertools.product(*(
-                     [(address, port) for address in sorted(self.meant[text])] for text, port in ends))
-                 if flow_key(proto, *pair) in self.flows]
-        return next((pair for pair in found if flow_key(proto, *pair) not in taken), found[0] if found else None)
+        """The ends of a flow: preferably one of the capture, and of these one that is not taken yet."""
+        pairs = itertools.product(*([(address, port) for address in sorted(self.meant[text] or {text})]
+                                    for text, port in ends))
+        keys = ((flow_key(proto, *pair), pair) for pair in pairs)
+        return min(keys, key=lambda found: (found[0] not in self.flows, found[0] in taken))[1]
 
 
 def read(capture, flows, *options):
@@ -105,7 +106,7 @@ def read(capture, flows, *options):
     for proto, source, sport, target, dport, name, confidence in READER_FLOW.findall(done.stdout):
         number = READER_PROTOCOLS.get(proto) or int(proto)
         ends = (source.strip("[]"), int(sport)), (target.strip("[]"), int(dport))
-        ends = addresses.ends(number, *ends, taken=side.names) or ends
+        ends = addresses.ends(number, *ends, taken=side.names)
         side.confidence[side.add(number, *ends, name.split(".")[-1])] = confidence
     return side
 
@@ -157,8 +158,12 @@ def play(system, capture, flows):
 class Evidence:
     def __init__(self, path, capture, reader):
         self.path, self.capture, self.reader = path, capture, reader
-        self.lower_halves = collections.Counter(map(lower_halves, capture.flows))
+        self.sums = collections.Counter(map(by_sums, capture.flows))
         self._cache = {}
+
+    def is_merged(self, key):
+        """Whether the reader has this flow and another one as one."""
+        return by_sums(key) is not None and self.sums[by_sums(key)] > 1
 
     def says(self, key, *options):
         """The reader's names for the flow, run with further options."""
@@ -174,8 +179,8 @@ CLASSES = {
     "reused ports": "several connections with the same ports: a verdict for each, one flow for the reader",
     "after its end": "packets that show more came after the connection had ended, and with it korvid's verdict",
     "tunnel": "the reader names the flows inside the tunnel, korvid the tunnel: its packets are what the switch forwards",
-    "IPv6 prefix": "the reader goes by the last 64 bits of addresses, and takes two flows for one",
-    "cut": "the capture holds the beginnings of these packets only, and the reader leaves them out",
+    "IPv6 sum": "the reader goes by the sum of an address's last two 32-bit words, and takes two flows for one",
+    "cut": "the capture holds the beginnings of these packets only, and one of the two leaves them out",
     "fragments": "the reader takes the content of later fragments for ports, korvid leaves them out",
     "odd lengths": "lengths in the packets contradict each other: one of the two leaves them out, or reads other ports",
     "AH": "IPv6 with an authentication header: korvid follows the connection behind it, the reader the header",
@@ -189,11 +194,12 @@ READER_SKIPS = {(1, "vlan", "vlan"), (capture_packets.LOOP,), (capture_packets.S
 KORVID_SKIPS = {(1, "snap"), (1, capture_packets.OTHER_TYPE)}
 
 
-def lower_halves(key):
-    """The flow, its IPv6 addresses without their prefixes; None for IPv4."""
+def by_sums(key):
+    """The flow as the reader tells it from others, if it is of IPv6; else None."""
     if ":" not in key[1][0]:
         return None
-    return (key[0], *sorted((ipaddress.ip_address(address).packed[8:], port) for address, port in key[1:]))
+    return (key[0], *sorted((sum(struct.unpack(">8xII", ipaddress.ip_address(address).packed)) % 2**32, port)
+                            for address, port in key[1:]))
 
 
 def without_flow(key, capture):
@@ -213,12 +219,10 @@ def one_sided(key, flow, ours, evidence):
         return "tunnel"
     if ours and 0 in flow.depths and key[0] in TUNNEL_PROTOCOLS:
         return "tunnel"
-    if ours and lower_halves(key) and evidence.lower_halves[lower_halves(key)] > 1:
-        return "IPv6 prefix"
-    if ours and flow.cut == flow.packets:
-        return "cut"
-    if flow.odd == flow.packets:
-        return "odd lengths"
+    if ours and evidence.is_merged(key):
+        return "IPv6 sum"
+    if flow.damaged == flow.packets:
+        return "odd lengths" if flow.odd else "cut"
     if ours and flow.authenticated == flow.packets:
         return "AH"
     if ours and key[0] in {132, 33, 136}:
@@ -242,12 +246,12 @@ def explain(key, ours, theirs, evidence):
         return "packet limit"
     if ours == [UNKNOWN] and confidence == "DPI (cache)":
         return "other flows"
-    if flow.starts > 1 and set(theirs) <= set(ours):
+    if flow.connections > 1 and set(theirs) <= set(ours):
         return "reused ports"
     if flow.after_end and UNKNOWN in ours:
         return "after its end"
-    if lower_halves(key) and evidence.lower_halves[lower_halves(key)] > 1:
-        return "IPv6 prefix"
+    if evidence.is_merged(key):
+        return "IPv6 sum"
     return "odd lengths" if flow.odd else None
 
 

@@ -185,7 +185,8 @@ def main():
         if status != 0:
             sys.exit(f"demo: korvid ended with {status}: {system.daemon.stderr[-2000:]}")
     if mode != "shell":
-        say(f"Done. What ran here is what runs on a switch: {world.DAEMON.relative_to(world.TREE)}")
+        program = str(world.DAEMON).removeprefix(f"{world.TREE}/")
+        say(f"Done. What ran here is what runs on a switch: {program}")
 
 
 def shell(system, _, capture, name):
