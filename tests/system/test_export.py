@@ -62,7 +62,7 @@ class Export(case.SystemTest):
         self.fill(ENFORCED)
         idle = self.world.status("Threads")
         kinds = ["ok", "close/100", "reset/100", "status/500", "garbage"]
-        for number in range(1000 if not case.SANITIZED else 100):
+        for number in range(1000 if not case.SLOWED else 100):
             self.exports("GETavDpiStats", server, kinds[number % len(kinds)])
             # The answer comes before the upload has begun.
             world.wait_until(lambda: len(server.requests) > number and self.world.status("Threads") == idle,

@@ -148,7 +148,7 @@ class Scale(case.SystemTest):
         self.world.call("SETavDpiAppList", {"appList": [{"appName": "Mail"}]})
         self.world.enable()
         module, sizes = self.world.module, []
-        flows, rounds = (5000 if case.SANITIZED else 25000), 4
+        flows, rounds = (5000 if case.SLOWED else 25000), 4
         for round_ in range(rounds):
             for family in (4, 6):
                 module.command(f"generate flows={flows} packets={flows} first={round_ * flows} family={family} proto=both "
@@ -166,5 +166,5 @@ class Scale(case.SystemTest):
         self.assertIn(f"Packet Counter [{total}] : Flow4 Counter [{total // 4}] : Flow6 Counter [{total // 4}]",
                       self.world.dump("counter"))
         self.assertNotIn("App-Name Mail", self.world.dump("flow"), "aged flows are swept")
-        if not case.SANITIZED:  # their allocators keep what is freed
+        if not case.SLOWED:  # allocators of sanitizers keep what is freed, an emulator what it translated
             self.assertLess(sizes[-1], sizes[0] + 512, f"resident memory by round: {sizes} kB")

@@ -274,7 +274,7 @@ class Kits(case.SystemTest):
         self.world.start("--report-interval", "2")
         old = {number: f"old{number}" for number in range(1, 8)}
         new = {500 + number: f"new{number}" for number in range(1, 8)}
-        flows = 20000 if not case.SANITIZED else 1000
+        flows = 20000 if not case.SLOWED else 1000
         for round_, (engine, apps) in enumerate((("handover", old), ("other_ids", new), ("exit_reports", old),
                                                  ("other_ids", new), ("threads", old), ("other_ids", new))):
             self.world.install_kit(engine=engine, apps=apps)
