@@ -54,11 +54,14 @@ void forEachElement(const RbtTree *tree, Visit visit) {
     }
 }
 
-void takeOffBothLists(AmActiveApp &app) EXCLUDES(amModelLock)
+// Of an application that came on them through a group.
+void takeOffBothLists(uint16_t appId) EXCLUDES(amModelLock)
 {
     const AmGuard guard(amModelLock);
-    am::copyField(app.grpName, "");
-    app.isMonitoring = app.isEnforcement = app.isPartOfGroup = 0;
+    AmActiveApp *app = amActiveApp(appId);
+    if (!app || app->isPartOfGroup != 1) return;
+    am::copyField(app->grpName, "");
+    app->isMonitoring = app->isEnforcement = app->isPartOfGroup = 0;
 }
 
 // What differs between the two lists.
@@ -84,17 +87,31 @@ const ListMarks *listOfType(uint32_t listType) {
     }
 }
 
-// Only entries that change are locked, each on its own: the callback waits for one entry at most.
+// Without a list only the group is noted.  False when the application has no entry.
+bool putOnList(uint16_t appId, const char *grpName, const ListMarks *list) EXCLUDES(amModelLock)
+{
+    const AmGuard guard(amModelLock);
+    AmActiveApp *entry = amActiveApp(appId);
+    if (!entry) return false;
+    if (grpName) {
+        entry->isPartOfGroup = 1;
+        am::copyField(entry->grpName, grpName);
+    }
+    if (list) entry->*list->onList = 1;
+    return true;
+}
+
 void clearList(const ListMarks &list) EXCLUDES(amModelLock)
 {
-    for (AmActiveApp *app = amActData; app != amActData + amMaxAppIdCount; app++) {
+    const AmGuard guard(amModelLock);
+    for (uint32_t id = 0; AmActiveApp *app = amActiveApp(id); id++) {
+        if (id % kEntriesATurn == kEntriesATurn - 1) amModelLock.letReadersIn();
         if (app->*list.onList != 1) continue;
         const bool wasInGroup = app->isPartOfGroup != 0;
         if (wasInGroup) {
             AmAppGrp *group = findGroup(&amAppGrpTree, am::fieldText(app->grpName));
             if (group) group->*list.groupOnList = 0;
         }
-        const AmGuard guard(amModelLock);
         app->*list.onList = 0;
         if (!wasInGroup || app->*list.onOtherList == 1) continue;
         am::copyField(app->grpName, "");
@@ -102,9 +119,15 @@ void clearList(const ListMarks &list) EXCLUDES(amModelLock)
     }
 }
 
+bool arrayExists() {
+    amModelLock.soleWriterReads();
+    return amActData != nullptr;
+}
+
 void printList(const ListMarks &list) {
     if (!amLogWanted(AM_LOG_INFO)) return;
     amLog(AM_LOG_INFO, "%s", list.title);
+    amModelLock.soleWriterReads();
     for (uint32_t id = 0; const AmActiveApp *app = amActiveApp(id); id++) {
         if (!(app->*list.onList)) continue;
         if (app->isPartOfGroup)
@@ -197,8 +220,7 @@ int amDeleteAppGrp(const char *grpName) {
     }
     forEachElement<GrpElement>(&group->members, [group](GrpElement *member) {
         const AmAppNode *app = appOfMember(*member);
-        AmActiveApp *entry = app ? amActiveApp(app->appId) : nullptr;
-        if (entry && entry->isPartOfGroup == 1) takeOffBothLists(*entry);
+        if (app) takeOffBothLists(app->appId);
         freeMember(group, member);
     });
     freeGroup(group);
@@ -215,20 +237,11 @@ int amAddAppToAppList(const char *appName, const char *grpName, uint32_t listTyp
         amLog(AM_LOG_ERROR, "%s:%d App-name doesn't exist in App-Pool\n", __func__, __LINE__);
         return 0;
     }
-    AmActiveApp *entry = amActiveApp(app->appId);
-    if (!entry) {
+    const ListMarks *list = listOfType(listType);
+    if (!putOnList(app->appId, grpName, list)) {
         amLog(AM_LOG_ERROR, "%s:%d No active entry for App %s appId %d\n", __func__, __LINE__, app->name,
               app->appId);
         return 0;
-    }
-    const ListMarks *list = listOfType(listType);
-    {
-        const AmGuard guard(amModelLock);
-        if (grpName) {
-            entry->isPartOfGroup = 1;
-            am::copyField(entry->grpName, grpName);
-        }
-        if (list) entry->*list->onList = 1;
     }
     if (!list) amLog(AM_LOG_ERROR, "%s:%d Invalid list type\n", __func__, __LINE__);
     return 1;
@@ -261,14 +274,14 @@ int amAddGrpToAppList(const char *grpName, uint32_t listType) {
 }
 
 int amClearAppMonList() {
-    if (!amActData) return 1;
+    if (!arrayExists()) return 1;
     amLog(AM_LOG_DEBUG, "%s:%d Clean the App-Mon Monitor List\n", __func__, __LINE__);
     clearList(kMonitoringMarks);
     return 1;
 }
 
 int amClearAppEnfList() {
-    if (!amActData) return 1;
+    if (!arrayExists()) return 1;
     amLog(AM_LOG_DEBUG, "%s:%d Clean the App-Mon Enforcement List\n", __func__, __LINE__);
     clearList(kEnforcementMarks);
     return 1;
@@ -291,6 +304,7 @@ void amCleanAppData() {
 char *getAppAndGroupNameFromAppId(uint32_t appId, char *appNameOut, char *grpNameOut, uint32_t listType) {
     strcpy(appNameOut, "-");
     strcpy(grpNameOut, "-");
+    amModelLock.soleWriterReads();
     const AmActiveApp *app = amActiveApp(appId);
     const ListMarks *list = listOfType(listType);
     if (!app || !list || !(app->*list->onList)) return grpNameOut;

@@ -5,7 +5,8 @@
 //
 // Results are 1 for success and 0 for failure; failures are logged, nothing is rolled back.
 // Threads: the event-loop thread only, and groups need no lock.  Entries of the active array are changed
-// under amModelLock, one entry at a time, so that the classification callback never waits for a whole list.
+// under amModelLock, a few hundred at a time, so that the classification callback never waits for a whole
+// list.
 #pragma once
 #include <cstdint>
 

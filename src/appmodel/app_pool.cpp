@@ -24,8 +24,8 @@ AmAppNode *appOf(RbtNode *node) {
     return reinterpret_cast<AmAppNode *>(node);
 }
 
-// Swaps the array for `entries`, which may be null, and hands back the one that was there: freeing it is left
-// to the caller, outside the lock.
+// Swaps the array for `entries`, which may be null, and hands back the one that was there, for the caller to
+// free outside the lock.
 AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock)
 {
     const AmGuard guard(amModelLock);
@@ -102,18 +102,23 @@ void amRebuildActiveAppArray(const char *op, int line) {
 }
 
 void amUpdateActiveAppListArray() {
+    const AmGuard guard(amModelLock);
+    uint32_t passed = 0;
     for (const AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app)) {
+        if (++passed % kEntriesATurn == 0) amModelLock.letReadersIn();
         AmActiveApp *entry = amActiveApp(app->appId);
         if (!entry) {
             amLog(AM_LOG_INFO, "%s:%d appId %d amMaxAppIdCount %d\n", __func__, __LINE__, app->appId,
                   static_cast<int>(amMaxAppIdCount));
             continue;
         }
-        const AmGuard guard(amModelLock);
         am::copyField(entry->appName, am::fieldText(app->name));
     }
 }
 
 void amCleanAppList() {
-    free(exchangeArray(nullptr, amMaxAppIdCount));
+    amModelLock.lock();
+    AmActiveApp *entries = std::exchange(amActData, nullptr);
+    amModelLock.unlock();
+    free(entries);
 }

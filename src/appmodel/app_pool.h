@@ -6,9 +6,9 @@
 //                 or freed
 //   active array: none before the first kit; freed and built anew by every kit update
 //
-// Threads: changed on the event-loop thread only.  That thread, the sole writer, reads without a lock and
-// writes under amModelLock held exclusively; the classification callback reads under it, shared, for its
-// whole run.
+// Threads: changed on the event-loop thread only.  That thread, the sole writer, reads without a lock, saying
+// amModelLock.soleWriterReads(), and writes under amModelLock held exclusively; the classification callback
+// reads under it, shared, for its whole run.
 #pragma once
 #include <atomic>
 #include <cstddef>
@@ -33,24 +33,31 @@ struct AmAppNode {
 };
 static_assert(offsetof(AmAppNode, node) == 0 && offsetof(AmAppNode, name) == sizeof(RbtNode));
 
+extern AmSharedMutex amModelLock;
+
+// Of a change that passes through the array a verdict waits for this many entries at most, some microseconds;
+// if verdicts were let in after each entry, the change would wait for as many rounds of them.
+inline constexpr uint32_t kEntriesATurn = 256;
+
 // One entry of the active array.  The names are zero-padded fields.
 struct AmActiveApp {
-    char appName[kAppNameSize];
-    char grpName[kGroupNameSize];  // the group through which the application was put on a list, else empty
+    char appName[kAppNameSize] GUARDED_BY(amModelLock);
+    char grpName[kGroupNameSize] GUARDED_BY(
+        amModelLock);  // the group through which the application was put on a list, else empty
     // Monitored flows since the last hourly record: added to by the callback, taken by the record's writer.
     std::atomic<uint32_t> monFlowCount;
-    uint8_t isMonitoring;   // 0 or 1
-    uint8_t isEnforcement;  // 0 or 1
-    uint8_t isPartOfGroup;  // 1 while grpName is set
+    uint8_t isMonitoring GUARDED_BY(amModelLock);   // 0 or 1
+    uint8_t isEnforcement GUARDED_BY(amModelLock);  // 0 or 1
+    uint8_t isPartOfGroup GUARDED_BY(amModelLock);  // 1 while grpName is set
 };
 static_assert(sizeof(AmActiveApp) == 80 && std::atomic<uint32_t>::is_always_lock_free);
 
-extern AmSharedMutex amModelLock;
-
 extern RbtTree amAppPoolTree;       // of AmAppNode, by name; event-loop thread only
 extern int32_t amAppPoolShmSigCnt;  // highest id of the last index read
-extern AmActiveApp *amActData;      // amMaxAppIdCount entries, or null; under amModelLock as above
-extern uint32_t amMaxAppIdCount;    // holds the size even when the array could not be allocated
+
+// amMaxAppIdCount entries, or null; the count holds the size even when the array could not be allocated.
+extern AmActiveApp *amActData GUARDED_BY(amModelLock);
+extern uint32_t amMaxAppIdCount GUARDED_BY(amModelLock);
 
 int amAppPoolNameCompare(const RbtNode *a, const RbtNode *b);  // over 32 characters
 
@@ -80,8 +87,7 @@ void amUpdateActiveAppListArray() EXCLUDES(amModelLock);
 
 void amCleanAppList() EXCLUDES(amModelLock);  // frees the array
 
-// The array's entry of that id, or null when there is no array or no such entry.  Event-loop thread, or under
-// amModelLock.
-inline AmActiveApp *amActiveApp(uint32_t appId) {
+// The array's entry of that id, or null when there is no array or no such entry.
+inline AmActiveApp *amActiveApp(uint32_t appId) REQUIRES_SHARED(amModelLock) {
     return amActData && appId < amMaxAppIdCount ? amActData + appId : nullptr;
 }

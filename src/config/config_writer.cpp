@@ -74,7 +74,7 @@ struct SavedList {
 constexpr SavedList kSavedMonitoring{&AmActiveApp::isMonitoring, &AmAppGrp::isMonitoring};
 constexpr SavedList kSavedEnforcement{&AmActiveApp::isEnforcement, &AmAppGrp::isEnforcement};
 
-bool coveredByGroup(const AmActiveApp &app, const SavedList &list) {
+bool coveredByGroup(const AmActiveApp &app, const SavedList &list) REQUIRES_SHARED(amModelLock) {
     if (!app.isPartOfGroup) return false;
     const AmAppGrp *const group = amFindGrpNode(&amAppGrpTree, Terminated(app.grpName).text);
     return group && group->*list.ofGroup;
@@ -83,6 +83,7 @@ bool coveredByGroup(const AmActiveApp &app, const SavedList &list) {
 cJSON *listApplications(const SavedList &list) {
     Json applications(cJSON_CreateArray());
     if (!applications) return nullptr;
+    amModelLock.soleWriterReads();
     for (uint32_t appId = 0; appId < amMaxAppIdCount; appId++) {
         const AmActiveApp *const app = amActiveApp(appId);
         if (!app || !(app->*list.ofApp) || coveredByGroup(*app, list)) continue;

@@ -3,9 +3,10 @@
 //
 // Order in which locks are taken, never backwards:
 //   amEngineGate -> amModelLock -> amEnfFlowLock -> amMonQueueLock -> amUploadLock -> log lock
-// and, private to one file each: the flow database's turnstile before amEnfFlowLock; the sockets' closeLock
-// after amModelLock and before the capture thread's threadLock. A lock is held for the data it guards, never
-// across a transfer, a shell command or a record write.
+// and, private to one file each: the flow database's turnstile right before amEnfFlowLock; the sockets'
+// closeLock after amModelLock, and the capture thread's threadLock after it. Declarations say the order, for
+// clang to check; the log lock is in no declaration, since nothing is called with it held that takes another.
+// A lock is held for the data it guards, never across a transfer, a shell command or a record write.
 #pragma once
 #include <pthread.h>
 
@@ -20,12 +21,14 @@
 #define ACQUIRED_AFTER(...) AM_TSA(acquired_after(__VA_ARGS__))
 #define ACQUIRED_BEFORE(...) AM_TSA(acquired_before(__VA_ARGS__))
 #define REQUIRES(...) AM_TSA(requires_capability(__VA_ARGS__))
+#define REQUIRES_SHARED(...) AM_TSA(requires_shared_capability(__VA_ARGS__))
 #define EXCLUDES(...) AM_TSA(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) AM_TSA(acquire_capability(__VA_ARGS__))
 #define ACQUIRE_SHARED(...) AM_TSA(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) AM_TSA(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) AM_TSA(release_shared_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) AM_TSA(release_generic_capability(__VA_ARGS__))
+#define ASSERT_SHARED_CAPABILITY(x) AM_TSA(assert_shared_capability(x))
 #define TRY_ACQUIRE(...) AM_TSA(try_acquire_capability(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS AM_TSA(no_thread_safety_analysis)
 

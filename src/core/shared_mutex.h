@@ -39,6 +39,9 @@ class CAPABILITY("shared mutex") AmSharedMutex {
         if (word_.load(std::memory_order_relaxed) & kAllWaiting) takeTurns();
     }
 
+    // Said by the one thread that ever writes, which reads without the lock: for the analysis alone.
+    void soleWriterReads() const ASSERT_SHARED_CAPABILITY(this) {}
+
     void lockShared() ACQUIRE_SHARED() {
         uint32_t word = word_.load(std::memory_order_relaxed);
         while (!(word & kWriter))

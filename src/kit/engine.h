@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "appmodel/app_pool.h"
 #include "core/lock.h"
 
 struct capture_flow_info;
@@ -32,7 +33,7 @@ using CaptureFlowFn = int (*)(const capture_flow_info *info);
 extern "C" __attribute__((visibility("default"))) CaptureFlowFn capture_flow_func;
 extern "C" __attribute__((visibility("default"))) void *pcap;
 
-extern AmMutex amEngineGate;
+extern AmMutex amEngineGate ACQUIRED_BEFORE(amModelLock);
 extern void *amQsLibHandle;  // event-loop thread only
 extern PcapPacketFn process_pktptr GUARDED_BY(amEngineGate);
 extern int fail;  // how far the last load came: 0 not opened, 1 opened, 2 started, 3 per-packet entry found

@@ -99,7 +99,7 @@ struct V6 {
 // The lock is not fair: a walk that lets go of it and comes straight back would keep others out all the same.
 // So who finds it taken holds the turnstile while it waits, and says so; the walk lets go, and queues at the
 // turnstile behind it.
-constinit AmMutex turnstile ACQUIRED_BEFORE(amEnfFlowLock);
+constinit AmMutex turnstile ACQUIRED_AFTER(amModelLock) ACQUIRED_BEFORE(amEnfFlowLock);
 constinit std::atomic<bool> lockWanted{false};
 
 void lockBeforeWalks() ACQUIRE(amEnfFlowLock)
@@ -174,7 +174,7 @@ void setKey(typename Ip::Key &key, const capture_flow_info &info) {
 }
 
 template <class Ip>
-int update(const capture_flow_info *info) EXCLUDES(amEnfFlowLock)
+int update(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) EXCLUDES(amEnfFlowLock)
 {
     typename Ip::Flow probe{};
     setKey<Ip>(probe.key, *info);

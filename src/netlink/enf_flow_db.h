@@ -71,10 +71,10 @@ int amEnf_key6_compare(const RbtNode *a, const RbtNode *b);
 void amInitEnfFlowDb() EXCLUDES(amEnfFlowLock);
 
 // Record the flow, or renew its record if that had aged; a live record keeps its application and start time.
-// Always 1: a flow for which there is no memory is logged and left out.  The caller holds amModelLock and has
+// Always 1: a flow for which there is no memory is logged and left out.  The caller has
 // checked the id against the active array, whose names the FLOW lines show.
-int amUpdateEnfFlowDb(const capture_flow_info *info) EXCLUDES(amEnfFlowLock);
-int amUpdateEnfFlowDb6(const capture_flow_info *info) EXCLUDES(amEnfFlowLock);
+int amUpdateEnfFlowDb(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) EXCLUDES(amEnfFlowLock);
+int amUpdateEnfFlowDb6(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) EXCLUDES(amEnfFlowLock);
 
 // The flow's record, null if there is none; a null key is logged and finds nothing.  The database keeps the
 // record, which may go once the lock is released, unless the caller is the event-loop thread.

@@ -69,7 +69,9 @@ struct V4 {
     static void logBuilt(const capture_flow_info &, unsigned, const AmActiveApp *) {}
     static void logFailed() {}
     static void logSent(const capture_flow_info &, const AmActiveApp *) {}  // the flow database does
-    static int record(const capture_flow_info *info) { return amUpdateEnfFlowDb(info); }
+    static int record(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) {
+        return amUpdateEnfFlowDb(info);
+    }
 };
 
 struct V6 {
@@ -79,7 +81,8 @@ struct V6 {
         attributes.put(DPI_RS_A_FIRST_IPV6, info.src_ip6);
         attributes.put(DPI_RS_A_SECOND_IPV6, info.dst_ip6);
     }
-    static void logBuilt(const capture_flow_info &info, unsigned match, const AmActiveApp *app) {
+    static void logBuilt(const capture_flow_info &info, unsigned match, const AmActiveApp *app)
+        REQUIRES_SHARED(amModelLock) {
         if (!amLogWanted(AM_LOG_DEBUG)) return;
         amLog(AM_LOG_DEBUG, kProgressLine, kProgressName, __LINE__);
         amLog(AM_LOG_DEBUG, "amSendResultMessage6 DPI_RS_A_FIRST_IPV6 \n");
@@ -89,7 +92,7 @@ struct V6 {
                   am::appNameText(app).text, match);
     }
     static void logFailed() { amLog(AM_LOG_DEBUG, kProgressLine, kProgressName, __LINE__); }
-    static void logSent(const capture_flow_info &info, const AmActiveApp *app) {
+    static void logSent(const capture_flow_info &info, const AmActiveApp *app) REQUIRES_SHARED(amModelLock) {
         if (flow_debug.load(std::memory_order_relaxed) == 0) return;
         amLog(AM_LOG_FLOW,
               "amSendResultMessage6: %s, secnd_ip: %s, fstPort: %u, scndPort: %u, l4 proto: %u App-Id %d "
@@ -98,7 +101,9 @@ struct V6 {
               am::addressText(info.src_ip6).text, am::addressText(info.dst_ip6).text, info.src_port & 0xffffU,
               info.dst_port & 0xffffU, info.proto & 0xffU, info.app_id, am::appNameText(app).text);
     }
-    static int record(const capture_flow_info *info) { return amUpdateEnfFlowDb6(info); }
+    static int record(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) {
+        return amUpdateEnfFlowDb6(info);
+    }
 };
 
 uint8_t lowByte(uint32_t word) {
@@ -110,7 +115,8 @@ uint16_t wirePort(uint32_t port) {
 }
 
 template <class Ip>
-const nlmsghdr *build(void *buffer, const capture_flow_info &info, unsigned match, const AmActiveApp *app) {
+const nlmsghdr *build(void *buffer, const capture_flow_info &info, unsigned match, const AmActiveApp *app)
+    REQUIRES_SHARED(amModelLock) {
     Attributes attributes(amNlmsgPutDpiHeader(buffer, DPI_MSG_RESULT, Ip::kFamily));
     attributes.put(DPI_RS_A_IP_TYPE, Ip::kIpType);
     Ip::putAddresses(attributes, info);
@@ -130,7 +136,7 @@ const nlmsghdr *build(void *buffer, const capture_flow_info &info, unsigned matc
 }
 
 template <class Ip>
-int sendResult(const capture_flow_info *info, unsigned match) {
+int sendResult(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(amModelLock) {
     // Zero-filled because the padding of the attributes goes out too.
     alignas(nlmsghdr) char buffer[am::kResultSize] = {};
     const AmActiveApp *app = amActiveApp(info->app_id);

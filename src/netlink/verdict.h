@@ -43,9 +43,9 @@ extern "C" __attribute__((visibility("default"))) int am_capture_flow_func(const
     EXCLUDES(amModelLock);
 
 // Sends the result message and, with a match, records the flow, whether or not the send succeeded.  Always 1.
-// Called by the callback, which holds amModelLock and has checked the id.
-int amSendResultMessage(const capture_flow_info *info, unsigned match);
-int amSendResultMessage6(const capture_flow_info *info, unsigned match);
+// Called by the callback, which has checked the id.
+int amSendResultMessage(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(amModelLock);
+int amSendResultMessage6(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(amModelLock);
 
 namespace am {
 
@@ -53,7 +53,7 @@ namespace am {
 struct AppNameText {
     char text[kAppNameSize + 1];
 };
-inline AppNameText appNameText(const AmActiveApp *app) {
+inline AppNameText appNameText(const AmActiveApp *app) REQUIRES_SHARED(amModelLock) {
     AppNameText out{};
     if (app) copyText(out.text, fieldText(app->appName));
     return out;
@@ -64,8 +64,8 @@ inline constexpr size_t kResultSize = 256;  // bytes: no result message is longe
 // Build the message in a zero-filled, aligned buffer of kResultSize bytes.  `app` is looked at with a match
 // only; names that are absent are sent empty.
 const nlmsghdr *buildResultMessage(void *buffer, const capture_flow_info &info, unsigned match,
-                                   const AmActiveApp *app);
+                                   const AmActiveApp *app) REQUIRES_SHARED(amModelLock);
 const nlmsghdr *buildResultMessage6(void *buffer, const capture_flow_info &info, unsigned match,
-                                    const AmActiveApp *app);
+                                    const AmActiveApp *app) REQUIRES_SHARED(amModelLock);
 
 }  // namespace am

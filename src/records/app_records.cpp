@@ -78,6 +78,7 @@ bool addCounts(am::RecordAppend &file) {
     LineWriter writer;
     PendingCounts pending;
     bool good = true;
+    amModelLock.soleWriterReads();
     for (uint32_t appId = 0; good && appId < amMaxAppIdCount; appId++) {
         AmActiveApp *const app = amActiveApp(appId);
         if (!app || !app->isMonitoring) continue;

@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include "core/lock.h"
+#include "kit/upload.h"
 #include "netlink/enf_flow_db.h"
 
 struct capture_flow_info;
@@ -39,7 +40,7 @@ struct AmMonFt6Entry {
     time_t time;
 };
 
-extern AmMutex amMonQueueLock ACQUIRED_AFTER(amEnfFlowLock);
+extern AmMutex amMonQueueLock ACQUIRED_AFTER(amEnfFlowLock) ACQUIRED_BEFORE(amUploadLock);
 extern AmMonFtEntry amMonFtQueue[kMonQueueSize] GUARDED_BY(amMonQueueLock);
 extern AmMonFt6Entry amMonFt6Queue[kMonQueueSize] GUARDED_BY(amMonQueueLock);
 extern uint32_t amMonFlowCounter GUARDED_BY(amMonQueueLock);
