@@ -1,0 +1,76 @@
+#include "netfilter/nflog.h"
+
+#include <arpa/inet.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_log.h>
+
+#include <cerrno>
+
+#include "netfilter/attributes.h"
+#include "netfilter/requests.h"
+
+namespace am {
+
+namespace {
+
+// The kernel says "not permitted" for a group that another one listens to as well.  A request that it never
+// supports tells which: rights are looked at first.
+bool isPermitted(const mnl_socket *socket) {
+    alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
+    nlmsghdr *unsupported = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_PACKET, AF_UNSPEC);
+    return sendRequest(socket, unsupported) != -EPERM;
+}
+
+}  // namespace
+
+nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags) {
+    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, settings.group);
+    // One message: the kernel looks at the flags first, and binds nothing where it does not know one of them.
+    const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_BIND};
+    const nfulnl_msg_config_mode mode{htonl(settings.snapLength), NFULNL_COPY_PACKET, 0};
+    mnl_attr_put(request, NFULA_CFG_CMD, sizeof command, &command);
+    mnl_attr_put(request, NFULA_CFG_MODE, sizeof mode, &mode);
+    mnl_attr_put_u32(request, NFULA_CFG_NLBUFSIZ, htonl(settings.batchBytes));
+    mnl_attr_put_u32(request, NFULA_CFG_TIMEOUT, htonl(settings.batchHundredths));
+    mnl_attr_put_u32(request, NFULA_CFG_QTHRESH, htonl(settings.batchPackets));
+    mnl_attr_put_u16(request, NFULA_CFG_FLAGS, htons(flags));
+    return request;
+}
+
+NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, int &error) {
+    for (const NflogBound wanted : {NflogBound::withConnections, NflogBound::plain}) {
+        alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
+        const bool connections = wanted == NflogBound::withConnections;
+        const uint16_t flags = NFULNL_CFG_F_SEQ | (connections ? NFULNL_CFG_F_CONNTRACK : 0);
+        error = sendRequest(socket, buildNflogBind(buffer, settings, flags));
+        // A kernel that would have to load a module for the connections first asks for another try.
+        if (connections && error == -EAGAIN)
+            error = sendRequest(socket, buildNflogBind(buffer, settings, flags));
+        if (error == 0) return wanted;
+        if (error == -EBUSY || error == -EPERM) break;
+    }
+    if (error == -EPERM && isPermitted(socket)) error = -EBUSY;
+    return NflogBound::no;
+}
+
+bool readNflogPacket(const nlmsghdr *message, NflogPacket &packet) {
+    packet = {};
+    const nfgenmsg *family = familyHeader(message);
+    if (!family || message->nlmsg_type != (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET)) return false;
+    const Attributes<NFULA_CT_INFO> attributes(message);
+    packet.payload = attributes[NFULA_PAYLOAD];
+    if (!packet.payload) return false;
+    packet.packet = {static_cast<const uint8_t *>(mnl_attr_get_payload(packet.payload)),
+                     mnl_attr_get_payload_len(packet.payload)};
+    packet.family = family->nfgen_family;
+    packet.connection = attributes[NFULA_CT];
+    if (uint32_t number; attributes.read(NFULA_SEQ, number)) {
+        packet.sequence = ntohl(number);
+        packet.numbered = true;
+    }
+    if (uint32_t mark; attributes.read(NFULA_MARK, mark)) packet.mark = ntohl(mark);
+    if (nfulnl_msg_packet_hdr header; attributes.read(NFULA_PACKET_HDR, header)) packet.hook = header.hook;
+    return true;
+}
+
+}  // namespace am
