@@ -25,6 +25,7 @@ bool isPermitted(const mnl_socket *socket) {
 
 nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags) {
     nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, settings.group);
+    request->nlmsg_flags |= NLM_F_ACK;  // what comes behind the answer is packets
     // One message: the kernel looks at the flags first, and binds nothing where it does not know one of them.
     const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_BIND};
     const nfulnl_msg_config_mode mode{htonl(settings.snapLength), NFULNL_COPY_PACKET, 0};
@@ -51,6 +52,19 @@ NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, in
     }
     if (error == -EPERM && isPermitted(socket)) error = -EBUSY;
     return NflogBound::no;
+}
+
+int unbindNflog(const mnl_socket *socket, uint16_t group) {
+    for (;;) {
+        alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
+        nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, group);
+        const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_UNBIND};
+        mnl_attr_put(request, NFULA_CFG_CMD, sizeof command, &command);
+        const int error = sendRequest(socket, request);
+        // Packets had filled the socket; it is empty now.
+        if (error == -ENOBUFS) continue;
+        return error == -ENODEV ? 0 : error;
+    }
 }
 
 bool readNflogPacket(const nlmsghdr *message, NflogPacket &packet) {

@@ -23,10 +23,13 @@ enum class NflogBound : uint8_t { no, plain, withConnections };
 
 // Binds the socket to the group.  Packets come numbered, and with their connections where the kernel can tell
 // those.  On `no`, `error` is -EBUSY for a group that has a listener, -EPERM without CAP_NET_ADMIN, -EINVAL
-// or -EOPNOTSUPP for a kernel without NFLOG.  Closing the socket unbinds.
+// or -EOPNOTSUPP for a kernel without NFLOG.  Closing the socket unbinds, too.
 NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, int &error);
 
-// The request of it, in a zero-filled buffer of kNflogRequestSize bytes.
+// Lets go of the group; packets that wait on the socket may be thrown away.  0, or a negative error number.
+int unbindNflog(const mnl_socket *socket, uint16_t group);
+
+// The request of a binding, in a zero-filled buffer of kNflogRequestSize bytes.
 inline constexpr size_t kNflogRequestSize = 128;
 nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags);
 

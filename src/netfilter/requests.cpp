@@ -81,17 +81,21 @@ nlmsghdr *putRequest(void *buffer, uint8_t subsystem, uint8_t message, uint8_t f
 int sendRequest(const mnl_socket *socket, nlmsghdr *request) {
     if (const int error = sendBytes(socket, request); error < 0) return error;
     alignas(nlmsghdr) char buffer[1024];
-    for (;;) {
+    for (bool overrun = false;;) {
         const ssize_t got = mnl_socket_recvfrom(socket, buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0 && errno != ENOSPC) return errno == EAGAIN ? 0 : -errno;
-        int error = 0;
-        if (got > 0)
-            eachMessage({buffer, static_cast<size_t>(got)}, [&](const nlmsghdr *message) {
-                if (message->nlmsg_seq == request->nlmsg_seq && message->nlmsg_type == NLMSG_ERROR)
-                    error = errorOf(message);
-            });
-        if (error != 0) return error;
+        if (got < 0) {
+            if (errno == EAGAIN) return overrun ? -ENOBUFS : 0;
+            if (errno == ENOBUFS) overrun = true;
+            // ENOSPC: a message of another kind, and longer.
+            if (errno != ENOBUFS && errno != EINTR && errno != ENOSPC) return -errno;
+            continue;
+        }
+        Answer answer;
+        eachMessage({buffer, static_cast<size_t>(got)}, [&](const nlmsghdr *message) {
+            if (message->nlmsg_seq == request->nlmsg_seq && message->nlmsg_type == NLMSG_ERROR)
+                answer = {true, errorOf(message)};
+        });
+        if (answer.ended) return answer.error;
     }
 }
 

@@ -19,8 +19,10 @@ mnl_socket *openNetfilterSocket();
 // linux/netfilter/nfnetlink.h) and family header.
 nlmsghdr *putRequest(void *buffer, uint8_t subsystem, uint8_t message, uint8_t family, uint16_t resource = 0);
 
-// Sends one request that is answered by nothing unless it fails, and looks for the failure: 0, or a negative
-// error number of the kernel's or of the send.  Other messages that wait on the socket are thrown away.
+// Sends one request and looks for its failure, which is answered even where the request asks for no
+// acknowledgement: 0, or a negative error number of the kernel's or of the send; -ENOBUFS when other messages
+// had filled the socket and the answer may be among those lost.  Messages that wait on the socket are thrown
+// away, all of them or, with NLM_F_ACK, those before the answer.
 int sendRequest(const mnl_socket *socket, nlmsghdr *request);
 
 // Calls visit(message, context) for every message of the answer to a dump.  0, or a negative error number;

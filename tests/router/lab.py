@@ -1,4 +1,4 @@
-"""A router laboratory: client -- router -- server, each in a network namespace, the kernel's own forwarding between them.
+"""A router laboratory: client -- router -- server, each in a network namespace; the kernel does the forwarding.
 
     with Lab(nat="source") as lab:
         lab.rules("table inet korvid { ... }")
@@ -227,15 +227,14 @@ class Lab:
 
     def _nginx(self):
         self.file("index.html", 1000)
-        self.server.run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                        "-days", "30", "-subj", "/CN=www.example.org", "-keyout", self.work / "key", "-out",
-                        self.work / "crt")
+        self.server.run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                        "-nodes", "-subj", "/CN=www.example.org", "-keyout", self.work / "key", "-out", self.work / "crt")
         self._start_server("nginx", "-c", self._config("nginx.conf", NGINX), "-e", "stderr")
 
     def _dnsmasq(self):
         self._start_server("dnsmasq", "-k", "--no-resolv", "--no-hosts", "--user=", "--group=",
-                           "--conf-file=/dev/null", "--pid-file=", "--bind-interfaces", f"--listen-address={SERVER[4]},{SERVER[6]}",
-                           f"--address=/example.com/{SERVER[4]}")
+                           "--conf-file=/dev/null", "--pid-file=", "--bind-interfaces",
+                           f"--listen-address={SERVER[4]},{SERVER[6]}", f"--address=/example.com/{SERVER[4]}")
 
     def _sshd(self):
         # It gives up rights for a user of its own.

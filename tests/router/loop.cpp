@@ -253,7 +253,12 @@ void readOptions(int argc, char **argv) {
 
 void bindOrFail() {
     int error = 0;
-    const am::NflogBound bound = am::bindNflog(packets, settings, error);
+    am::NflogBound bound = am::bindNflog(packets, settings, error);
+    // Once more: a group that was let go of can be taken again.
+    if (bound != am::NflogBound::no) {
+        error = am::unbindNflog(packets, settings.group);
+        bound = error == 0 ? am::bindNflog(packets, settings, error) : am::NflogBound::no;
+    }
     if (bound == am::NflogBound::no) {
         printf("{\"event\": \"refused\", \"error\": \"%s\"}\n", strerror(-error));
         exit(1);
@@ -265,13 +270,13 @@ void bindOrFail() {
            bound == am::NflogBound::withConnections ? "true" : "false");
 }
 
-void tellCounts() {
+void tellCounts(int unbound) {
     printf("{\"event\": \"counts\", \"packets\": %" PRIu64 ", \"receives\": %" PRIu64 ", \"lost\": %" PRIu64
            ", \"overruns\": %" PRIu64 ", \"marked\": %" PRIu64 ", \"as seen\": %" PRIu64
            ", \"turned\": %" PRIu64 ", \"connection\": %" PRIu64 ", \"search\": %" PRIu64
-           ", \"retried\": %" PRIu64 ", \"not found\": %" PRIu64 "}\n",
+           ", \"retried\": %" PRIu64 ", \"not found\": %" PRIu64 ", \"unbound\": %d}\n",
            counts.packets, counts.receives, counts.lost, counts.overruns, counts.marked, counts.asSeen,
-           counts.turned, counts.byConnection, counts.bySearch, counts.retried, counts.notFound);
+           counts.turned, counts.byConnection, counts.bySearch, counts.retried, counts.notFound, unbound);
 }
 
 }  // namespace
@@ -299,6 +304,7 @@ int main(int argc, char **argv) {
                         {mnl_socket_get_fd(firewall), POLLIN, 0}};
     while (!ended) {
         (void)poll(waiting, 3, pending.empty() ? -1 : 1);
+        if (ended) break;
         retryPending();
         readAll(packets, onPacket);
         readAll(ends, onEnd);
@@ -309,6 +315,6 @@ int main(int argc, char **argv) {
         });
         if (declared) fillSets();
     }
-    tellCounts();
+    tellCounts(am::unbindNflog(packets, settings.group));
     return 0;
 }

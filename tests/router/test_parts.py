@@ -89,7 +89,7 @@ class Parts(unittest.TestCase):
                     laboratory.client.run("curl", "-sko", "/dev/null", laboratory.url("tls", version))
                     laboratory.client.run("dig", f"@{laboratory.target(version)}", "www.example.com")
                     laboratory.client.run("ping", "-c", "1", laboratory.target(version))
-                wait_until(lambda: len(laboratory.connections("--mark", "0x30000/0x30000")) == 6, "six marked connections")
+                wait_until(lambda: len(laboratory.connections("--mark", "0x30000/0x30000")) == 6, "six marks")
                 marks = {int(line.split(" mark=")[1].split()[0]) for line in laboratory.connections()}
                 self.assertEqual(marks, {OTHERS | 0x30000 | application for application in (2, 4, 5)})
 
@@ -117,7 +117,8 @@ class Parts(unittest.TestCase):
             def elements(name):
                 text = laboratory.router.run("nft", "list", "set", "inet", "korvid", name)
                 return text.partition("elements = {")[2].partition("}")[0].split()
-            self.assertEqual(loop.events("filled"), [{"event": "filled", "error": 0, "sets": 3, "empty": 1, "other": 1}])
+            first = {"event": "filled", "error": 0, "sets": 3, "empty": 1, "other": 1}
+            self.assertEqual(loop.events("filled"), [first])
             self.assertEqual(elements("group_web"), ["0x00030001,", "0x00030005"])
             self.assertEqual(elements("app_Google/20Drive"), [])
             laboratory.rules("add element inet korvid app_HTTP { 7 }\nadd element inet korvid app_Google/20Drive { 8 }")
@@ -128,31 +129,40 @@ class Parts(unittest.TestCase):
             laboratory.rules("flush ruleset\n" + RULES)  # as a firewall is reloaded
             wait_until(lambda: elements("app_HTTP"), "elements after a reload")
 
-    def test_what_is_lost_is_counted(self):
-        with self.road("dns") as (laboratory, loop):
-            loop.process.send_signal(signal.SIGSTOP)
+    def test_what_is_lost_is_counted_and_a_full_socket_lets_go(self):
+        def flood():
             laboratory.client.run("python3", "-c", f"""import socket
 for source in range(20000, 23000):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
         sender.bind(("", source))
         for turn in range(4):
             sender.sendto(bytes(1400), ("{lab.SERVER[4]}", 9))""")
+
+        with self.road("dns") as (laboratory, loop):
+            loop.process.send_signal(signal.SIGSTOP)
+            flood()
             loop.process.send_signal(signal.SIGCONT)
+
             def closed():  # the first packet that gets through shows the gap
                 laboratory.client.run("dig", f"@{laboratory.target(4)}", "www.example.com")
                 return loop.events("marked")
             wait_until(closed, "a packet behind the gap")
             loop.wait("marked", 2)  # the answer: nothing is on its way any more
             mirrored = laboratory.counted("mirrored")
+            loop.process.send_signal(signal.SIGSTOP)
+            flood()
+            loop.process.send_signal(signal.SIGTERM)
+            loop.process.send_signal(signal.SIGCONT)
             counts = loop.stop()
             self.assertGreater(counts["overruns"], 0)
             self.assertEqual(counts["packets"] + counts["lost"], mirrored, counts)
+            self.assertEqual(counts["unbound"], 0)
 
     def test_refusals_tell_their_reason(self):
         with self.road() as (laboratory, _):
             self.assertIn("Device or resource busy", laboratory.router.run(LOOP, check=False).stdout)
-            done = laboratory.router.run("setpriv", "--bounding-set", "-net_admin", "--inh-caps", "-all", LOOP, "-g", "27",
-                                         check=False)
+            done = laboratory.router.run("setpriv", "--bounding-set", "-net_admin", "--inh-caps", "-all", LOOP,
+                                         "-g", "27", check=False)
             self.assertIn("Operation not permitted", done.stdout + done.stderr)
 
 
