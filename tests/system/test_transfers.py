@@ -141,12 +141,24 @@ class Transfers(case.SystemTest):
         self.export(server, "first")
         first = server.store / "first" / RECORDS.name
         world.wait_until(lambda: first.exists() and first.stat().st_size > 0, "the first bytes")
+        RECORDS.unlink()  # the upload that runs is not ended by a file that has become short
         RECORDS.write_bytes(b"2" * 100000)
         self.export(server, "second")
         self.wait_for_log("STATS CSV Upload SUCCESS : CURLcode 0\n")
         self.assertIn("STATS CSV Upload FAILURE : CURLcode ", self.log())
         self.assertLess(first.stat().st_size, 40000000)
         self.assertEqual((server.store / "second" / RECORDS.name).read_bytes(), b"2" * 100000)
+
+    def test_lines_that_are_appended_meanwhile_go_with_the_next_upload(self):
+        server = self.serve(Vsftpd(self.folder / "ftp", rate=2000000))
+        RECORDS.write_bytes(b"1" * 4000000)
+        self.export(server, "today")
+        stored = server.store / "today" / RECORDS.name
+        world.wait_until(lambda: stored.exists() and stored.stat().st_size > 0, "the first bytes")
+        with open(RECORDS, "ab") as out:
+            out.write(b"2" * 100000)
+        self.wait_for_log("STATS CSV Upload SUCCESS")
+        self.assertEqual(stored.stat().st_size, 4000000)
 
     def test_stalled_upload_holds_up_no_other_slot(self):
         RECORDS.write_bytes(b"e" * 500000)

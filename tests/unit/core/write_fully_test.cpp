@@ -11,7 +11,7 @@
 namespace {
 
 int readEnd;
-char taken[1 << 18];
+char taken[1 << 19];
 size_t takenLength;
 
 // Makes room in the pipe, in a signal's handler: the write before it was cut short, or interrupted.
@@ -28,6 +28,11 @@ TEST(WriteFully, ShortAndInterruptedWritesLoseAndRepeatNothing) {
     ASSERT_EQ(fcntl(readEnd, F_SETFL, O_NONBLOCK), 0);
     std::string bytes(200'000, '\0');
     for (size_t i = 0; i < bytes.size(); i++) bytes[i] = static_cast<char>(i * 2654435761U >> 13);
+    // Full from the start: the first write is interrupted before it has written anything.
+    ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+    std::string before;
+    while (write(ends[1], "x", 1) == 1) before += 'x';
+    ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
 
     struct sigaction action {};
     action.sa_handler = drain;  // without SA_RESTART
@@ -39,7 +44,7 @@ TEST(WriteFully, ShortAndInterruptedWritesLoseAndRepeatNothing) {
     ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
     drain(0);
     EXPECT_EQ(written, bytes.size());
-    EXPECT_TRUE(std::string(taken, takenLength) == bytes);
+    EXPECT_TRUE(std::string(taken, takenLength) == before + bytes);
     (void)close(ends[0]);
     (void)close(ends[1]);
 }
