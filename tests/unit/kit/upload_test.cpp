@@ -160,6 +160,7 @@ TEST_F(KitUploadSlots, ClearedArgumentsDoNotDisturbARunningUpload) {
     ASSERT_EQ(0, start(kSlotMonOld));
     server.waitForData();
     clearUploadArgs(kSlotMonOld);
+    shell("echo later >> /flash/mon_old.csv");  // goes with the next upload: the size was announced
     EXPECT_EQ(kFileSize, server.drain());
     waitUntilFree(kSlotMonOld);
     expectLog("STATS CSV Upload SUCCESS");

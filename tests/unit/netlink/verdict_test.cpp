@@ -1,5 +1,6 @@
 #include "netlink/verdict.h"
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -143,6 +144,23 @@ TEST_F(VerdictTest, FailedSendStillRecordsAndMonitors) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line);
     EXPECT_EQ(records(), 2U);
     EXPECT_EQ(app(3).monFlowCount, 2U);
+}
+
+TEST_F(VerdictTest, WaitsForAChangeOfTheModel) {
+    enforce(3, "netflix");
+    amModelLock.lock();
+    std::atomic<bool> reporting{false};
+    std::thread engine([&] {
+        const capture_flow_info info = v4(3);
+        reporting = true;
+        am_capture_flow_func(&info);
+    });
+    while (!reporting) std::this_thread::yield();
+    for (int looks = 0; looks < 5000; looks++) std::this_thread::yield();
+    EXPECT_TRUE(takeSent().empty());
+    amModelLock.unlock();
+    engine.join();
+    EXPECT_EQ(takeSent().size(), 1U);
 }
 
 // An engine may report from threads of its own while the lists change and mirroring is switched off.
