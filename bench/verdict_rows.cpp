@@ -61,8 +61,7 @@ Row verdict(std::string what, const Limits &limits, uint32_t appId, size_t held)
 
 void addVerdictRows(Table &table) {
     table.add(verdict("verdict, not enforced", {.goal = 1.07}, kPlainApp, 0));
-    table.add(
-        verdict("verdict, enforced, 1e3 flows held", {.goal = 1.30}, kEnforcedApp, 1'000));
+    table.add(verdict("verdict, enforced, 1e3 flows held", {.goal = 1.30}, kEnforcedApp, 1'000));
     table.add(verdict("verdict, enforced, 1e4 flows held", {.goal = 1.40}, kEnforcedApp, 10'000));
     table.add(verdict("verdict, enforced, 1e5 flows held", {.goal = 1.60}, kEnforcedApp, 100'000));
 }

@@ -55,8 +55,7 @@ void forEachElement(const RbtTree *tree, Visit visit) {
 }
 
 // Of an application that came on them through a group.
-void takeOffBothLists(uint16_t appId) EXCLUDES(amModelLock)
-{
+void takeOffBothLists(uint16_t appId) EXCLUDES(amModelLock) {
     const AmGuard guard(amModelLock);
     AmActiveApp *app = amActiveApp(appId);
     if (!app || app->isPartOfGroup != 1) return;
@@ -88,8 +87,7 @@ const ListMarks *listOfType(uint32_t listType) {
 }
 
 // Without a list only the group is noted.  False when the application has no entry.
-bool putOnList(uint16_t appId, const char *grpName, const ListMarks *list) EXCLUDES(amModelLock)
-{
+bool putOnList(uint16_t appId, const char *grpName, const ListMarks *list) EXCLUDES(amModelLock) {
     const AmGuard guard(amModelLock);
     AmActiveApp *entry = amActiveApp(appId);
     if (!entry) return false;
@@ -101,8 +99,7 @@ bool putOnList(uint16_t appId, const char *grpName, const ListMarks *list) EXCLU
     return true;
 }
 
-void clearList(const ListMarks &list) EXCLUDES(amModelLock)
-{
+void clearList(const ListMarks &list) EXCLUDES(amModelLock) {
     const AmGuard guard(amModelLock);
     for (uint32_t id = 0; AmActiveApp *app = amActiveApp(id); id++) {
         if (id % kEntriesATurn == kEntriesATurn - 1) amModelLock.letReadersIn();

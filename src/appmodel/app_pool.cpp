@@ -26,8 +26,7 @@ AmAppNode *appOf(RbtNode *node) {
 
 // Swaps the array for `entries`, which may be null, and hands back the one that was there, for the caller to
 // free outside the lock.
-AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock)
-{
+AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock) {
     const AmGuard guard(amModelLock);
     amMaxAppIdCount = count;
     return std::exchange(amActData, entries);

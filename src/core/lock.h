@@ -47,14 +47,11 @@ class CAPABILITY("mutex") AmMutex {
     AmMutex(const AmMutex &) = delete;
     AmMutex &operator=(const AmMutex &) = delete;
 
-    void lock() ACQUIRE()
-    { pthread_mutex_lock(&mutex_); }
-    void unlock() RELEASE()
-    { pthread_mutex_unlock(&mutex_); }
+    void lock() ACQUIRE() { pthread_mutex_lock(&mutex_); }
+    void unlock() RELEASE() { pthread_mutex_unlock(&mutex_); }
     // For a lock that is held for moments only: to be put to sleep and woken takes a hundred times as long as
     // to look again for a microsecond or two.
-    void lockSoon() ACQUIRE()
-    {
+    void lockSoon() ACQUIRE() {
         for (int looks = 0; looks < 200; looks++) {
             if (tryLock()) return;
             relaxProcessor();
@@ -72,8 +69,7 @@ template <class Lock>
 class SCOPED_CAPABILITY AmGuard {
   public:
     explicit AmGuard(Lock &lock) ACQUIRE(lock) : lock_(lock) { lock_.lock(); }
-    ~AmGuard() RELEASE()
-    { lock_.unlock(); }
+    ~AmGuard() RELEASE() { lock_.unlock(); }
     AmGuard(const AmGuard &) = delete;
     AmGuard &operator=(const AmGuard &) = delete;
 

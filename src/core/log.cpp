@@ -21,20 +21,17 @@ namespace {
 constexpr size_t kUsualLine = 1024;
 
 constinit AmMutex logLock;
-constinit am::SizedLog logFile GUARDED_BY(logLock)
-{kLogPath, "Error open log file: "};
+constinit am::SizedLog logFile GUARDED_BY(logLock){kLogPath, "Error open log file: "};
 
 constexpr const char *kLevelNames[] = {"NONE",  "ERROR", "WARNING", "NOTICE", "INFO",
                                        "DEBUG", "FLOW",  "PACKET",  "STATS"};
 static_assert(sizeof kLevelNames / sizeof *kLevelNames == AM_LOG_STATS + 1);
 
-void checkSize() REQUIRES(logLock)
-{
+void checkSize() REQUIRES(logLock) {
     if (am::restartAtLimit(logFile)) am::openSizedLog(logFile, kLogPath);
 }
 
-constinit am::LogClock lineClock GUARDED_BY(logLock)
-{};
+constinit am::LogClock lineClock GUARDED_BY(logLock){};
 
 }  // namespace
 

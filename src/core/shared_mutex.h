@@ -34,8 +34,7 @@ class CAPABILITY("shared mutex") AmSharedMutex {
     void unlock() RELEASE();
 
     // Between two of many changes: lets in the readers that wait, if any, and goes on after them.
-    void letReadersIn() REQUIRES(this)
-    {
+    void letReadersIn() REQUIRES(this) {
         if (word_.load(std::memory_order_relaxed) & kAllWaiting) takeTurns();
     }
 

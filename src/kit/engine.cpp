@@ -17,8 +17,7 @@ constinit void *pcap = nullptr;
 
 constinit AmMutex amEngineGate;
 constinit void *amQsLibHandle = nullptr;
-constinit PcapPacketFn process_pktptr GUARDED_BY(amEngineGate)
-= nullptr;
+constinit PcapPacketFn process_pktptr GUARDED_BY(amEngineGate) = nullptr;
 constinit int fail = 0;
 constinit std::atomic<bool> amEngineGateWanted{false};
 
@@ -36,15 +35,13 @@ EngineFn engineEntry(const char *name) {
 
 // Waiting releases the gate, and it comes back only once the wish has been served: the event-loop thread is
 // let in for sure.
-void waitForWish() REQUIRES(amEngineGate)
-{
+void waitForWish() REQUIRES(amEngineGate) {
     while (amEngineGateWanted.load(std::memory_order_relaxed))
         pthread_cond_wait(&wishServed, amEngineGate.native());
 }
 
 // Once it returns no call of the old entry is in progress, and none can start.
-void publishEntry(PcapPacketFn entry) EXCLUDES(amEngineGate)
-{
+void publishEntry(PcapPacketFn entry) EXCLUDES(amEngineGate) {
     amEngineGateWanted.store(true, std::memory_order_relaxed);
     const AmGuard guard(amEngineGate);
     process_pktptr = entry;
@@ -54,8 +51,7 @@ void publishEntry(PcapPacketFn entry) EXCLUDES(amEngineGate)
 
 // Starts the opened engine and lets the capture thread in.  No lock is held while engine code runs here: an
 // engine may report flows from its start entry.
-void startEngine() EXCLUDES(amEngineGate)
-{
+void startEngine() EXCLUDES(amEngineGate) {
     (void)dlerror();
     amLog(AM_LOG_DEBUG, "dl open success\n");
     fail = 1;

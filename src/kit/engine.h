@@ -50,8 +50,7 @@ void amEngineLeave() RELEASE(amEngineGate);
 void amEngineStepAside() REQUIRES(amEngineGate);  // returns with the gate held, the wish served
 
 // Before every packet; process_pktptr is read after it.  One relaxed load while nobody wants the gate.
-inline void amEngineYield() REQUIRES(amEngineGate)
-{
+inline void amEngineYield() REQUIRES(amEngineGate) {
     if (amEngineGateWanted.load(std::memory_order_relaxed)) [[unlikely]]
         amEngineStepAside();
 }

@@ -13,8 +13,7 @@
 #include "kit/transfer.h"
 
 constinit AmMutex amUploadLock;
-constinit thread_mgr_slot thread_mgr[kUploadSlots] GUARDED_BY(amUploadLock)
-= {};
+constinit thread_mgr_slot thread_mgr[kUploadSlots] GUARDED_BY(amUploadLock) = {};
 
 namespace {
 
@@ -40,21 +39,18 @@ pthread_cond_t *slotFreedCondition() {
 
 // The thread works on a copy of its arguments: a request that finds the rotated file gone clears that slot's
 // block although its upload may still run.
-UploadArgs argumentsOf(int slot) EXCLUDES(amUploadLock)
-{
+UploadArgs argumentsOf(int slot) EXCLUDES(amUploadLock) {
     const AmGuard guard(amUploadLock);
     return thread_mgr[slot].args;
 }
 
 // The thread that was the last to free its slot, until it is joined.
-constinit pthread_t lastToLeave GUARDED_BY(amUploadLock)
-= 0;
+constinit pthread_t lastToLeave GUARDED_BY(amUploadLock) = 0;
 
 // Frees the calling thread's slot.  It has still to run what the transfer's libraries do at a thread's end,
 // so it has to be joined, as does the one that left before it: that it joins itself, so that one at most is
 // left.
-void leaveSlot(int slot) EXCLUDES(amUploadLock)
-{
+void leaveSlot(int slot) EXCLUDES(amUploadLock) {
     pthread_t before;
     {
         const AmGuard guard(amUploadLock);
@@ -65,8 +61,7 @@ void leaveSlot(int slot) EXCLUDES(amUploadLock)
     if (before != 0) pthread_join(before, nullptr);
 }
 
-void *runUpload(int slot) EXCLUDES(amUploadLock)
-{
+void *runUpload(int slot) EXCLUDES(amUploadLock) {
     UploadArgs args = argumentsOf(slot);
     (void)stats_upload(args.username, args.password, args.filePath, args.fileName, args.checksum);
     explicit_bzero(&args, sizeof args);

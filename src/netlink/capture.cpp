@@ -30,8 +30,7 @@ constexpr int kStopPatienceMs = 3000;
 constexpr int kWakeSignal = SIGURG;  // ignored by default, so nobody misses it
 
 constinit AmMutex threadLock;
-bool threadJoined GUARDED_BY(threadLock)
-= true;
+bool threadJoined GUARDED_BY(threadLock) = true;
 pthread_t captureThread GUARDED_BY(threadLock);
 
 void pauseFor(long nanoseconds) {

@@ -24,10 +24,8 @@ namespace {
 
 constexpr int kAgingPeriod = 300'000;  // milliseconds
 
-constinit am::RecordSlab records4 GUARDED_BY(amEnfFlowLock)
-{sizeof(AmEnfFlow4)};
-constinit am::RecordSlab records6 GUARDED_BY(amEnfFlowLock)
-{sizeof(AmEnfFlow6)};
+constinit am::RecordSlab records4 GUARDED_BY(amEnfFlowLock){sizeof(AmEnfFlow4)};
+constinit am::RecordSlab records6 GUARDED_BY(amEnfFlowLock){sizeof(AmEnfFlow6)};
 static_assert(sizeof(void *) != 8 || sizeof(AmEnfFlow4) == 64);  // one cache line
 
 // Compares keys with one that is looked up, whose words are read once: bytes in the order of memory, eight at
@@ -66,10 +64,8 @@ struct V4 {
     static constexpr const char *kUpdate = "amUpdateEnfFlowDb";
     static constexpr const char *kSearch = "amSearchEnfFlowDb";
     static constexpr const char *kNullKey = "%s:%d k4 null !!\n";
-    static RbtTree &tree() REQUIRES(amEnfFlowLock)
-    { return amEnfFlowDb; }
-    static am::RecordSlab &records() REQUIRES(amEnfFlowLock)
-    { return records4; }
+    static RbtTree &tree() REQUIRES(amEnfFlowLock) { return amEnfFlowDb; }
+    static am::RecordSlab &records() REQUIRES(amEnfFlowLock) { return records4; }
     static std::atomic<uint64_t> &counter() { return amFlowCounter; }
     static void setAddresses(Key &key, const capture_flow_info &info) {
         key.fst_ip = info.src_ip;
@@ -84,10 +80,8 @@ struct V6 {
     static constexpr const char *kUpdate = "amUpdateEnfFlowDb6";
     static constexpr const char *kSearch = "amSearchEnfFlowDb6";
     static constexpr const char *kNullKey = "%s:%d k6 null !!\n";
-    static RbtTree &tree() REQUIRES(amEnfFlowLock)
-    { return amEnfFlowDb6; }
-    static am::RecordSlab &records() REQUIRES(amEnfFlowLock)
-    { return records6; }
+    static RbtTree &tree() REQUIRES(amEnfFlowLock) { return amEnfFlowDb6; }
+    static am::RecordSlab &records() REQUIRES(amEnfFlowLock) { return records6; }
     static std::atomic<uint64_t> &counter() { return amFlowCounter6; }
     static void setAddresses(Key &key, const capture_flow_info &info) {
         key.fst_ip = info.src_ip6;
@@ -102,8 +96,7 @@ struct V6 {
 constinit AmMutex turnstile ACQUIRED_AFTER(amModelLock) ACQUIRED_BEFORE(amEnfFlowLock);
 constinit std::atomic<bool> lockWanted{false};
 
-void lockBeforeWalks() ACQUIRE(amEnfFlowLock)
-{
+void lockBeforeWalks() ACQUIRE(amEnfFlowLock) {
     if (amEnfFlowLock.tryLock()) return;
     const AmGuard first(turnstile);
     lockWanted.store(true, std::memory_order_relaxed);
@@ -112,8 +105,7 @@ void lockBeforeWalks() ACQUIRE(amEnfFlowLock)
 }
 
 // Between two records of a walk.
-void letOthersIn() REQUIRES(amEnfFlowLock)
-{
+void letOthersIn() REQUIRES(amEnfFlowLock) {
     if (!lockWanted.load(std::memory_order_relaxed)) return;
     amEnfFlowLock.unlock();
     turnstile.lockSoon();
@@ -144,8 +136,7 @@ void activate(auto &flow, const capture_flow_info &info) {
 
 // False when there is no memory for a new record.
 template <class Ip>
-bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUIRES(amEnfFlowLock)
-{
+bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUIRES(amEnfFlowLock) {
     using Flow = typename Ip::Flow;
     RbtTree &tree = Ip::tree();
     const RbtPlace place = rbtDescend(&tree, KeyOrder<Flow>(&probe.node));
@@ -174,8 +165,7 @@ void setKey(typename Ip::Key &key, const capture_flow_info &info) {
 }
 
 template <class Ip>
-int update(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) EXCLUDES(amEnfFlowLock)
-{
+int update(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) EXCLUDES(amEnfFlowLock) {
     typename Ip::Flow probe{};
     setKey<Ip>(probe.key, *info);
     lockBeforeWalks();
@@ -221,8 +211,7 @@ void V6::logFlow(const capture_flow_info &info, const Key &key, const char *name
 }
 
 template <class Ip>
-typename Ip::Flow *search(const typename Ip::Key *key) REQUIRES(amEnfFlowLock)
-{
+typename Ip::Flow *search(const typename Ip::Key *key) REQUIRES(amEnfFlowLock) {
     if (!key) {
         amLog(AM_LOG_ERROR, Ip::kNullKey, Ip::kSearch, __LINE__);
         return nullptr;
@@ -238,8 +227,7 @@ enum class Sweep { aged, all };
 // Only this thread removes, so the record that the walk stands on, and its successor, outlive the moments
 // without the lock.  Records that come in meanwhile are met or missed, as their place in the order has it.
 template <class Ip>
-void sweep(Sweep which) EXCLUDES(amEnfFlowLock)
-{
+void sweep(Sweep which) EXCLUDES(amEnfFlowLock) {
     const AmGuard guard(amEnfFlowLock);
     RbtTree &tree = Ip::tree();
     for (RbtNode *node = rbtFirst(&tree); node;) {

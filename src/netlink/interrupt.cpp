@@ -19,8 +19,7 @@ namespace {
 sem_t signalled;  // posted by the handler: async-signal-safe (signal-safety(7))
 
 constinit AmMutex installLock;
-bool waiterRuns GUARDED_BY(installLock)
-= false;
+bool waiterRuns GUARDED_BY(installLock) = false;
 
 void *actOnInterrupt(void *) {
     while (sem_wait(&signalled) != 0) {

@@ -37,8 +37,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);  // stored in a signal ha
 [[noreturn]] void failCapture();
 
 // Runs the packet callback over the netlink messages in `data`.
-inline void dispatchPackets(const void *data, size_t length) REQUIRES(amEngineGate)
-{
+inline void dispatchPackets(const void *data, size_t length) REQUIRES(amEngineGate) {
     if (runMessages(data, length, packet_portid, packet_cb) < MNL_CB_STOP) [[unlikely]]
         failCapture();
 }

@@ -34,23 +34,20 @@ static_assert(kMgmtFlags == 0x45);
 
 // Between an interrupt and what the event-loop thread does with the sockets meanwhile.
 constinit AmMutex closeLock ACQUIRED_AFTER(amModelLock);
-bool withdrawn GUARDED_BY(closeLock)
-= false;
+bool withdrawn GUARDED_BY(closeLock) = false;
 
 [[noreturn]] void failWith(const char *text) {
     perror(text);
     _exit(1);  // no exit(): other threads may run, and nothing is left to be flushed
 }
 
-void publish(mnl_socket *&socket, mnl_socket *ready) EXCLUDES(closeLock)
-{
+void publish(mnl_socket *&socket, mnl_socket *ready) EXCLUDES(closeLock) {
     const AmGuard guard(closeLock);
     socket = ready;
 }
 
 // Nothing is sent once an interrupt has told the kernel to stop: that has to be its last word.
-void sendMirrorState(uint8_t state) EXCLUDES(closeLock)
-{
+void sendMirrorState(uint8_t state) EXCLUDES(closeLock) {
     const AmGuard guard(closeLock);
     if (!withdrawn) (void)amSendMirrorConfig(control_nls, state);
 }
@@ -73,8 +70,7 @@ void closeSocket(mnl_socket *&socket) {
 }
 
 // A verdict looks at the state with the lock held and keeps it until its flow is recorded.
-void setAdminState(int state) EXCLUDES(amModelLock)
-{
+void setAdminState(int state) EXCLUDES(amModelLock) {
     const AmGuard model(amModelLock);
     amAdminState.store(state, std::memory_order_relaxed);
 }

@@ -56,12 +56,9 @@ constexpr am::RecordFileKind kFile{
 struct V4 {
     using Entry = AmMonFtEntry;
     static constexpr const char *kType = "IPv4,";
-    static Entry *queue() REQUIRES(amMonQueueLock)
-    { return amMonFtQueue; }
-    static uint32_t &counter() REQUIRES(amMonQueueLock)
-    { return amMonFlowCounter; }
-    static uint32_t &miss() REQUIRES(amMonQueueLock)
-    { return amMonFlowMiss; }
+    static Entry *queue() REQUIRES(amMonQueueLock) { return amMonFtQueue; }
+    static uint32_t &counter() REQUIRES(amMonQueueLock) { return amMonFlowCounter; }
+    static uint32_t &miss() REQUIRES(amMonQueueLock) { return amMonFlowMiss; }
     static void setAddresses(Entry &entry, const capture_flow_info &flow) {
         entry.src_ip = flow.src_ip;
         entry.dst_ip = flow.dst_ip;
@@ -73,12 +70,9 @@ struct V4 {
 struct V6 {
     using Entry = AmMonFt6Entry;
     static constexpr const char *kType = "IPv6,";
-    static Entry *queue() REQUIRES(amMonQueueLock)
-    { return amMonFt6Queue; }
-    static uint32_t &counter() REQUIRES(amMonQueueLock)
-    { return amMonFlow6Counter; }
-    static uint32_t &miss() REQUIRES(amMonQueueLock)
-    { return amMonFlow6Miss; }
+    static Entry *queue() REQUIRES(amMonQueueLock) { return amMonFt6Queue; }
+    static uint32_t &counter() REQUIRES(amMonQueueLock) { return amMonFlow6Counter; }
+    static uint32_t &miss() REQUIRES(amMonQueueLock) { return amMonFlow6Miss; }
     static void setAddresses(Entry &entry, const capture_flow_info &flow) {
         entry.src_ip6 = flow.src_ip6;
         entry.dst_ip6 = flow.dst_ip6;
@@ -88,8 +82,7 @@ struct V6 {
 };
 
 template <class Ip>
-void store(const capture_flow_info &flow, time_t now) REQUIRES(amMonQueueLock)
-{
+void store(const capture_flow_info &flow, time_t now) REQUIRES(amMonQueueLock) {
     uint32_t &counter = Ip::counter();
     if (counter >= kMonQueueSize) {
         Ip::miss()++;
@@ -106,8 +99,7 @@ void store(const capture_flow_info &flow, time_t now) REQUIRES(amMonQueueLock)
 
 // Takes the live queue over into the buffer queue; the number of entries.
 template <class Ip>
-uint32_t takeOver(typename Ip::Entry *batch) REQUIRES(amMonQueueLock)
-{
+uint32_t takeOver(typename Ip::Entry *batch) REQUIRES(amMonQueueLock) {
     const uint32_t count = Ip::counter();
     Ip::counter() = 0;
     std::copy_n(Ip::queue(), count, batch);

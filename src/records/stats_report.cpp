@@ -40,8 +40,7 @@ struct V4 {
     static constexpr const char *kOp = "stats_report_cb4";
     static Entry *queue() { return amnFt4Queue; }
     static int32_t &index() { return ft4CommonIndex; }
-    static AmEnfFlow4 *search(const Key &key) REQUIRES(amEnfFlowLock)
-    { return amSearchEnfFlowDb(&key); }
+    static AmEnfFlow4 *search(const Key &key) REQUIRES(amEnfFlowLock) { return amSearchEnfFlowDb(&key); }
 };
 
 struct V6 {
@@ -52,8 +51,7 @@ struct V6 {
     static constexpr const char *kOp = "stats_report_cb6";
     static Entry *queue() { return amnFt6Queue; }
     static int32_t &index() { return ft6CommonIndex; }
-    static AmEnfFlow6 *search(const Key &key) REQUIRES(amEnfFlowLock)
-    { return amSearchEnfFlowDb6(&key); }
+    static AmEnfFlow6 *search(const Key &key) REQUIRES(amEnfFlowLock) { return amSearchEnfFlowDb6(&key); }
 };
 
 // Whether an attribute holds a whole value of this size.  Its check lets shorter ones pass: they are as good

@@ -18,8 +18,7 @@ namespace {
 
 AmMutex sentLock;
 std::vector<Bytes> sent GUARDED_BY(sentLock);
-int sendError GUARDED_BY(sentLock)
-= 0;
+int sendError GUARDED_BY(sentLock) = 0;
 
 }  // namespace
 
