@@ -3,6 +3,7 @@
 reply, memory without a kit, and a method that changes memory beside one that does nothing.  Run by ./dev bench, in
 the sandbox.  Ends with status 1 when a gate is missed."""
 import os
+import pathlib
 import signal
 import statistics
 import subprocess

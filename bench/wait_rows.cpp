@@ -26,8 +26,13 @@ namespace bench {
 namespace {
 
 constexpr size_t kHeld = 100'000;
-constexpr size_t kMostVerdicts = 200'000;
-constexpr size_t kManyReporters = 6;  // an engine that shares its flows among threads of its own
+constexpr long kBetweenVerdicts = 200'000;  // nanoseconds
+constexpr size_t kManyReporters = 6;       // an engine that shares its flows among threads of its own
+
+void pauseFor(long nanoseconds) {
+    const timespec pause{0, nanoseconds};
+    (void)nanosleep(&pause, nullptr);
+}
 
 double realTime() {
     timespec now{};
@@ -41,10 +46,14 @@ long preemptions() {
     return usage.ru_nivcsw;
 }
 
-// Where that is allowed: other programs' turns are not what is measured.
-void beUrgent(bool urgent) {
-    const sched_param parameter{.sched_priority = urgent ? 1 : 0};
-    (void)pthread_setschedparam(pthread_self(), urgent ? SCHED_FIFO : SCHED_OTHER, &parameter);
+// Where that is allowed: other programs' turns are not what is measured, nor is it a reporter's wait for a
+// processor that the walk has.
+enum Urgency { kAsAnyOther, kWalk, kReport };
+
+void beUrgent(Urgency urgency) {
+    const sched_param parameter{.sched_priority = urgency};
+    (void)pthread_setschedparam(pthread_self(), urgency == kAsAnyOther ? SCHED_OTHER : SCHED_FIFO,
+                                &parameter);
 }
 
 // One thread that reports.
@@ -53,7 +62,7 @@ struct Reporter {
     const std::atomic<bool> *stop;
     std::atomic<bool> ready{false};
     size_t first;        // place among the held keys at which this one begins
-    bool pausing;        // lets others have the processor between two verdicts
+    bool urgent;         // and leaves the processor between two verdicts
     double longest = 0;  // microseconds
 };
 
@@ -61,7 +70,7 @@ struct Reporter {
 // this thread lost its processor to another program is left out.
 void *classify(void *argument) {
     auto &reporter = *static_cast<Reporter *>(argument);
-    if (reporter.pausing) beUrgent(true);
+    if (reporter.urgent) beUrgent(kReport);
     size_t at = reporter.first;
     while (!reporter.stop->load(std::memory_order_relaxed)) {
         const capture_flow_info info = flowOf(heldKeys()[at = (at + 7919) % kHeld], kMonitoredApp);
@@ -71,14 +80,14 @@ void *classify(void *argument) {
         const double took = realTime() - begin;
         if (preemptions() == before) reporter.longest = std::max(reporter.longest, took);
         reporter.ready.store(true);
-        if (reporter.pausing) sched_yield();
+        if (reporter.urgent) pauseFor(kBetweenVerdicts);
     }
     return nullptr;
 }
 
 // So many threads report while `work` runs; the longest wait of a verdict.
 template <class Work>
-double whileReporting(size_t reporters, bool pausing, Work work) {
+double whileReporting(size_t reporters, bool urgent, Work work) {
     holdFlows(kHeld);
     discardVerdicts(true);
     std::atomic<bool> stop{false};
@@ -86,7 +95,7 @@ double whileReporting(size_t reporters, bool pausing, Work work) {
     for (size_t i = 0; i < reporters; i++) {
         all[i].stop = &stop;
         all[i].first = i * kHeld / reporters;
-        all[i].pausing = pausing;
+        all[i].urgent = urgent;
         if (pthread_create(&all[i].thread, nullptr, classify, &all[i]) != 0) exit(2);
     }
     for (const Reporter &reporter : all)
@@ -104,9 +113,9 @@ double whileReporting(size_t reporters, bool pausing, Work work) {
 
 double longestWait(void (*walk)(), size_t reporters) {
     return whileReporting(reporters, true, [walk] {
-        beUrgent(true);
+        beUrgent(kWalk);
         walk();
-        beUrgent(false);
+        beUrgent(kAsAnyOther);
     });
 }
 
@@ -119,7 +128,7 @@ struct Handover {
 
 void *wait(void *argument) {
     auto &handover = *static_cast<Handover *>(argument);
-    beUrgent(true);
+    beUrgent(kWalk);
     while (!handover.stop.load()) {
         const long before = preemptions();
         const double begin = realTime();
@@ -137,7 +146,7 @@ double longestHandover() {
     pthread_mutex_lock(&handover.lock);
     pthread_t thread;
     if (pthread_create(&thread, nullptr, wait, &handover) != 0) return 1e9;
-    beUrgent(true);
+    beUrgent(kWalk);
     for (int i = 0; i < 300; i++) {
         while (!handover.wanted.load()) {
         }
@@ -151,7 +160,7 @@ double longestHandover() {
     }
     handover.stop.store(true);
     pthread_mutex_unlock(&handover.lock);
-    beUrgent(false);
+    beUrgent(kAsAnyOther);
     pthread_join(thread, nullptr);
     return handover.longest;
 }
@@ -164,8 +173,7 @@ void dump() {
 
 void drain() {
     for (int i = 0; i < 20; i++) {
-        timespec pause{0, 200'000};
-        (void)nanosleep(&pause, nullptr);
+        pauseFor(200'000);
         amProcessMonFlowDbLogging(nullptr);
     }
 }

@@ -98,19 +98,27 @@ constinit std::atomic<bool> lockWanted{false};
 
 void lockBeforeWalks() ACQUIRE(amEnfFlowLock) {
     if (amEnfFlowLock.tryLock()) return;
-    const AmGuard first(turnstile);
+    turnstile.lockSoon();
     lockWanted.store(true, std::memory_order_relaxed);
     amEnfFlowLock.lockSoon();
     lockWanted.store(false, std::memory_order_relaxed);
+    turnstile.unlock();
+}
+
+// For the next step of a walk: behind who waits.
+void lockBehindOthers() ACQUIRE(amEnfFlowLock) {
+    if (lockWanted.load(std::memory_order_relaxed)) {
+        turnstile.lockSoon();
+        turnstile.unlock();
+    }
+    amEnfFlowLock.lockSoon();
 }
 
 // Between two records of a walk.
 void letOthersIn() REQUIRES(amEnfFlowLock) {
     if (!lockWanted.load(std::memory_order_relaxed)) return;
     amEnfFlowLock.unlock();
-    turnstile.lockSoon();
-    turnstile.unlock();
-    amEnfFlowLock.lockSoon();
+    lockBehindOthers();
 }
 
 template <class Flow>
@@ -294,7 +302,7 @@ void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
     RbtNode *node = nullptr;
     for (bool first = true;; first = false) {
         AmEnfFlow4 copy;
-        amEnfFlowLock.lockSoon();
+        lockBehindOthers();
         node = first ? rbtFirst(&amEnfFlowDb) : rbtNext(&amEnfFlowDb, node);
         if (node) copy = *asFlow<AmEnfFlow4>(node);
         amEnfFlowLock.unlock();
