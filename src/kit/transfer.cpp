@@ -12,7 +12,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "kit/md5.h"
-#include "kit/upload.h"
+#include "kit/upload_slots.h"
 
 namespace {
 

@@ -12,9 +12,6 @@
 #include "core/thread.h"
 #include "kit/transfer.h"
 
-constinit AmMutex amUploadLock;
-constinit thread_mgr_slot thread_mgr[kUploadSlots] GUARDED_BY(amUploadLock) = {};
-
 namespace {
 
 constexpr time_t kStopWaitSeconds = 5;
@@ -89,11 +86,6 @@ int stop_upload_thread(int slot) {
     return thread_mgr[slot].thread == 0 ? 0 : -1;
 }
 
-void clearUploadArgs(int slot) {
-    const AmGuard guard(amUploadLock);
-    thread_mgr[slot].args = {};
-}
-
 int startUpload(int slot, const char *fileName) {
     // Held over the creation, so that the id is in the slot before the thread can look for it or clear it.
     const AmGuard guard(amUploadLock);
@@ -106,13 +98,6 @@ int startUpload(int slot, const char *fileName) {
     mine.thread = 0;
     mine.args = {};
     return -1;
-}
-
-bool uploadAskedToStop() {
-    const AmGuard guard(amUploadLock);
-    for (const thread_mgr_slot &slot : thread_mgr)
-        if (slot.thread != 0 && pthread_equal(slot.thread, pthread_self())) return slot.stop == 1;
-    return false;
 }
 
 bool uploadThreadsEnded() {

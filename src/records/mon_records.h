@@ -15,7 +15,7 @@ extern "C" {
 }
 
 #include "core/lock.h"
-#include "kit/upload.h"
+#include "kit/upload_slots.h"
 #include "netlink/enf_flow_db.h"
 
 struct capture_flow_info;
