@@ -27,7 +27,7 @@ namespace {
 
 constexpr size_t kHeld = 100'000;
 constexpr long kBetweenVerdicts = 200'000;  // nanoseconds
-constexpr size_t kManyReporters = 6;       // an engine that shares its flows among threads of its own
+constexpr size_t kManyReporters = 6;        // an engine that shares its flows among threads of its own
 
 void pauseFor(long nanoseconds) {
     const timespec pause{0, nanoseconds};

@@ -4,10 +4,12 @@ extern "C" {
 #include <libubox/blobmsg.h>
 }
 #include <libubus.h>
+#include <sched.h>
 
 #include <algorithm>
 
 #include "fuzz.h"
+#include "kit/upload.h"
 #include "netlink/enf_flow_db.h"
 #include "netlink/verdict.h"
 #include "records/enf_records.h"
@@ -119,6 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         data += length;
         size -= length;
     }
+    while (!uploadThreadsEnded()) sched_yield();
     fuzz::resetModel();
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <string>
 
@@ -16,9 +17,11 @@ size_t takenLength;
 
 // Makes room in the pipe, in a signal's handler: the write before it was cut short, or interrupted.
 void drain(int) {
+    const int error = errno;
     ssize_t got;
     while ((got = read(readEnd, taken + takenLength, sizeof taken - takenLength)) > 0)
         takenLength += static_cast<size_t>(got);
+    errno = error;
 }
 
 TEST(WriteFully, ShortAndInterruptedWritesLoseAndRepeatNothing) {

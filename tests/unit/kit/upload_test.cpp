@@ -33,6 +33,7 @@ class KitUploadSlots : public KitTest {
     void TearDown() override {
         world.waitsTimeOut = world.threadsUnavailable = false;
         for (int slot = 0; slot < kUploadSlots; slot++) EXPECT_EQ(0, stop_upload_thread(slot));
+        while (!uploadThreadsEnded()) std::this_thread::yield();
         KitTest::TearDown();
     }
 
