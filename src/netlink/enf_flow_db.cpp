@@ -299,6 +299,9 @@ void amCleanAllEnfFlowDb6() {
 }
 
 void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
+    // What comes in meanwhile is passed over: new flows may come as fast as old ones are visited, and the walk
+    // would have no end.
+    const time_t begin = time(nullptr);
     RbtNode *node = nullptr;
     for (bool first = true;; first = false) {
         AmEnfFlow4 copy;
@@ -307,7 +310,7 @@ void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
         if (node) copy = *asFlow<AmEnfFlow4>(node);
         amEnfFlowLock.unlock();
         if (!node) return;
-        visit(copy);
+        if (copy.startTime <= begin) visit(copy);
     }
 }
 

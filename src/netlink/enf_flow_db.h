@@ -87,7 +87,8 @@ void amCleanAgedEnfFlowDb6() EXCLUDES(amEnfFlowLock);
 void amCleanAllEnfFlowDb() EXCLUDES(amEnfFlowLock);
 void amCleanAllEnfFlowDb6() EXCLUDES(amEnfFlowLock);
 
-// Calls `visit` with a copy of every IPv4 record in tree order, outside the lock.  Event-loop thread.
+// Calls `visit` with a copy of every IPv4 record in tree order, outside the lock; records younger than the
+// walk are left out.  Event-loop thread.
 void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) EXCLUDES(amEnfFlowLock);
 
 // The aging timer, every 5 minutes for the life of the process.
