@@ -61,7 +61,7 @@ TEST_F(VerdictTest, MessageForEveryCase) {
     app(2).isMonitoring = 0;
     enforce(3, "netflix");
     enforce(4, "voip", "calls");
-    enforce(5, "abcdefghijklmnopqrstuvwxyz012345", "0123456789012345678901234567890123456789");
+    enforce(kApps - 1, "abcdefghijklmnopqrstuvwxyz012345", "0123456789012345678901234567890123456789");
     const char *name32 = "abcdefghijklmnopqrstuvwxyz012345";
     const char *group40 = "0123456789012345678901234567890123456789";
     struct {
@@ -78,8 +78,8 @@ TEST_F(VerdictTest, MessageForEveryCase) {
         {"in a group", 4, 0,
          attr(9, {1}) + attr(11, {4, 0, 0, 0}) + attr(12, text("voip")) + attr(10, {1}) +
              attr(14, text("calls"))},
-        {"names of full width", 5, 0,
-         attr(9, {1}) + attr(11, {5, 0, 0, 0}) + attr(12, text(name32)) + attr(10, {1}) +
+        {"names of full width, the last id", kApps - 1, 0,
+         attr(9, {1}) + attr(11, {kApps - 1, 0, 0, 0}) + attr(12, text(name32)) + attr(10, {1}) +
              attr(14, text(group40))},
     };
     for (const auto &row : rows) {
@@ -95,6 +95,7 @@ TEST_F(VerdictTest, MessageForEveryCase) {
             << row.what << ", IPv6";
     }
     EXPECT_EQ(records(), 2U);  // each family's enforced cases are one flow
+    EXPECT_EQ(app(3).monFlowCount, 0U) << "not monitored";
 }
 
 TEST_F(VerdictTest, IgnoredReportsLeaveNoTrace) {

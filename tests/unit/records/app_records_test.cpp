@@ -89,22 +89,22 @@ TEST_F(AppRecords, CountsThatCouldNotBeWrittenStay) {
 }
 
 TEST_F(AppRecords, FlowsCountedDuringAWriteAreNotLost) {
-    constexpr uint32_t kFlows = 100'000;
     amMonLoggingThreshold = INT32_MAX;
     std::atomic<bool> running{true};
-    std::thread capture([&running] {
-        for (uint32_t n = 0; n < kFlows; n++)
-            amActData[n % 2].monFlowCount.fetch_add(1, std::memory_order_relaxed);
-        running = false;
+    std::atomic<uint32_t> flows{0};
+    std::thread capture([&] {
+        while (running) amActData[flows++ % 2].monFlowCount.fetch_add(1, std::memory_order_relaxed);
     });
-    while (running) {
+    for (int round = 0; round < 200; round++) {
+        while (countsLeft() == 0) std::this_thread::yield();
         appMonWriteAppRecordsToFile();
         appMon24HrRecord = 0;
     }
+    running = false;
     capture.join();
     appMonWriteAppRecordsToFile();
     amMonLoggingThreshold = 1000;
-    EXPECT_EQ(countsWritten(), kFlows);
+    EXPECT_EQ(countsWritten(), flows);
 }
 
 }  // namespace

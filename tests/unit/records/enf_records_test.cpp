@@ -36,7 +36,7 @@ class EnfRecords : public RecordsTest {
         entry.aged = random_() % 2 ? 1 : 0;
         entry.byteCnt = random_() >> random_() % 64;
         entry.pktCnt = random_() >> random_() % 64;
-        entry.appId = static_cast<uint32_t>(random_() % 6);  // some of them no application's
+        entry.appId = static_cast<uint32_t>(random_() % 12);  // most of them no application's
         entry.startTime = static_cast<time_t>(random_() % 4'000'000'000);
         entry.intStartTime = random_() % 2 ? static_cast<time_t>(random_() % 4'000'000'000) : 0;
         if (random_() % 2) am::copyText(entry.access_profile, std::string(1 + random_() % 40, 'p'));
@@ -59,6 +59,11 @@ TEST_F(EnfRecords, LinesAreThoseOfPrintf) {
             expected.push_back(
                 modelLine("IPv6", amnFt6Queue[i], namesOf(amnFt6Queue[i].appId, AM_LIST_ENFORCEMENT)));
         }
+        char line[kRecordLineSize];
+        amLogFlowRecord(0, line);  // as by a flush that fails: its successor's interval begins here
+        EXPECT_EQ(line, expected[1] + "\n");
+        EXPECT_EQ(amnFt4Queue[0].intStartTime, testNow);
+        expected[1] = modelLine("IPv4", amnFt4Queue[0], namesOf(amnFt4Queue[0].appId, AM_LIST_ENFORCEMENT));
         ASSERT_EQ(amWriteEnfFlowRecordToFile(), 0);
         ASSERT_EQ(fileLines(kEnfRecords), expected);
         EXPECT_EQ(linesInEnfRecordFile, expected.size());
