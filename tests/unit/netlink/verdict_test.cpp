@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -147,21 +148,39 @@ TEST_F(VerdictTest, FailedSendStillRecordsAndMonitors) {
     EXPECT_EQ(app(3).monFlowCount, 2U);
 }
 
+// A thread that has begun and got as far as it can.
+std::thread begun(const std::function<void()> &run) {
+    std::atomic<bool> running{false};
+    std::thread thread([&running, run] {
+        running = true;
+        run();
+    });
+    while (!running) std::this_thread::yield();
+    for (int looks = 0; looks < 5000; looks++) std::this_thread::yield();
+    return thread;
+}
+
 TEST_F(VerdictTest, WaitsForAChangeOfTheModel) {
     enforce(3, "netflix");
     amModelLock.lock();
-    std::atomic<bool> reporting{false};
-    std::thread engine([&] {
+    std::thread engine = begun([] {
         const capture_flow_info info = v4(3);
-        reporting = true;
         am_capture_flow_func(&info);
     });
-    while (!reporting) std::this_thread::yield();
-    for (int looks = 0; looks < 5000; looks++) std::this_thread::yield();
     EXPECT_TRUE(takeSent().empty());
     amModelLock.unlock();
     engine.join();
     EXPECT_EQ(takeSent().size(), 1U);
+}
+
+TEST_F(VerdictTest, HoldsUpTheClosingOfItsSocket) {
+    control_nls = mnl_socket_open(NETLINK_ROUTE);
+    amModelLock.lockShared();
+    std::thread closing = begun(amCloseNetLinkSockets);
+    EXPECT_TRUE(control_nls);
+    amModelLock.unlockShared();
+    closing.join();
+    EXPECT_FALSE(control_nls);
 }
 
 // An engine may report from threads of its own while the lists change and mirroring is switched off.
