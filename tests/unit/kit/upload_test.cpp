@@ -128,7 +128,8 @@ TEST_F(KitUploadSlots, RunningUploadIsStoppedAtItsNextRead) {
     server.waitForData();
     size_t received = 0;
     std::thread reader([&] {
-        while (state(kSlotMon).stop == 0) std::this_thread::yield();
+        const auto running = [](const thread_mgr_slot &slot) { return slot.thread != 0 && slot.stop == 0; };
+        while (running(state(kSlotMon))) std::this_thread::yield();
         received = server.drain();
     });
     EXPECT_EQ(0, stop_upload_thread(kSlotMon));
