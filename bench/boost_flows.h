@@ -5,7 +5,7 @@
 #include <cstring>
 #include <deque>
 
-#include "netlink/enf_flow_db.h"
+#include "flows/enf_flow_db.h"
 
 namespace bench {
 

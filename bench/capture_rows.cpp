@@ -8,13 +8,13 @@
 #include <cstring>
 
 #include "kit/engine.h"
-#include "netlink/protocol.h"
-#include "netlink/reception.h"
-#include "netlink/ring.h"
-#include "netlink/sockets.h"
 #include "recv_reception.h"
 #include "ring_world.h"
 #include "rows.h"
+#include "switch/protocol.h"
+#include "switch/reception.h"
+#include "switch/ring.h"
+#include "switch/sockets.h"
 #include "world.h"
 
 namespace bench {

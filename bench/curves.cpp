@@ -5,10 +5,10 @@
 
 #include "appmodel/app_lists.h"
 #include "kit/engine.h"
-#include "netlink/reception.h"
-#include "netlink/sockets.h"
 #include "ring_world.h"
 #include "rows.h"
+#include "switch/reception.h"
+#include "switch/sockets.h"
 #include "world.h"
 
 namespace bench {

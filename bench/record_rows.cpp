@@ -12,10 +12,10 @@
 #include <string>
 
 #include "appmodel/app_lists.h"
-#include "netlink/protocol.h"
 #include "records/enf_records.h"
 #include "records/stats_report.h"
 #include "rows.h"
+#include "switch/protocol.h"
 #include "world.h"
 
 namespace bench {

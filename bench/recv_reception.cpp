@@ -1,3 +1,3 @@
 #define setUpReception recvSetUpReception
 #define drainPacketSocket recvDrainPacketSocket
-#include "netlink/reception_recv.cpp"  // NOLINT(bugprone-suspicious-include): the same source beside the ring's
+#include "switch/reception_recv.cpp"  // NOLINT(bugprone-suspicious-include): the same source beside the ring's

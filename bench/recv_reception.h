@@ -1,6 +1,6 @@
 // The daemon's reader of plain receives, which a build for the ring leaves out, under other names.
 #pragma once
-#include "netlink/reception.h"
+#include "switch/reception.h"
 
 namespace am {
 int recvSetUpReception(mnl_socket *socket);

@@ -7,10 +7,10 @@
 #include <string>
 
 #include "boost_flows.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
 #include "records/stats_report.h"
 #include "rows.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 #include "world.h"
 
 namespace bench {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "netlink/protocol.h"
+#include "switch/protocol.h"
 #include "world.h"
 
 namespace bench {

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "netlink/ring.h"
+#include "switch/ring.h"
 
 namespace bench {
 

@@ -5,7 +5,7 @@
 
 #include "appmodel/rbt.h"
 #include "boost_flows.h"
-#include "netlink/record_slab.h"
+#include "flows/record_slab.h"
 
 namespace bench {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "boost_flows.h"
-#include "netlink/record_slab.h"
+#include "flows/record_slab.h"
 #include "rows.h"
 #include "tree_pair.h"
 #include "world.h"

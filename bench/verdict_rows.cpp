@@ -4,9 +4,9 @@
 #include <array>
 #include <memory>
 
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
 #include "rows.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 #include "world.h"
 
 namespace bench {

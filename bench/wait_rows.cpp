@@ -15,11 +15,11 @@
 
 #include "appmodel/app_lists.h"
 #include "core/log.h"
-#include "netlink/protocol.h"
-#include "netlink/verdict.h"
 #include "records/debug_dump.h"
 #include "records/mon_records.h"
 #include "rows.h"
+#include "switch/protocol.h"
+#include "switch/result.h"
 #include "world.h"
 
 namespace bench {

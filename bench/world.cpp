@@ -13,8 +13,8 @@
 #include "appmodel/app_lists.h"
 #include "core/log.h"
 #include "core/paths.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 
 namespace {
 std::atomic<bool> discarding{false};

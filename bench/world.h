@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "netlink/enf_flow_db.h"
-#include "netlink/verdict.h"
+#include "flows/enf_flow_db.h"
+#include "switch/result.h"
 
 namespace bench {
 

@@ -17,7 +17,7 @@
 #include "core/paths.h"
 #include "kit/kit_update.h"
 #include "kit/transfer.h"
-#include "netlink/sockets.h"
+#include "switch/sockets.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include "appmodel/app_lists.h"
 #include "core/log.h"
 #include "core/text.h"
-#include "netlink/capture.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/sockets.h"
+#include "flows/capture.h"
+#include "flows/enf_flow_db.h"
 #include "records/mon_records.h"
 #include "records/stats_report.h"
+#include "switch/sockets.h"
 
 namespace {
 

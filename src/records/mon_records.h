@@ -15,8 +15,8 @@ extern "C" {
 }
 
 #include "core/lock.h"
+#include "flows/enf_flow_db.h"
 #include "kit/upload_slots.h"
-#include "netlink/enf_flow_db.h"
 
 struct capture_flow_info;
 

@@ -8,8 +8,8 @@
 
 #include "core/log.h"
 #include "core/text.h"
-#include "netlink/protocol.h"
 #include "records/enf_records.h"
+#include "switch/protocol.h"
 
 AmFt4QueueEntry amnFt4Queue[kReportQueueSize];
 AmFt6QueueEntry amnFt6Queue[kReportQueueSize];

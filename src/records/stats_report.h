@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <ctime>
 
-#include "netlink/enf_flow_db.h"
+#include "flows/enf_flow_db.h"
 
 inline constexpr int kReportQueueSize = 200;
 

@@ -5,7 +5,7 @@
 #include "core/text.h"
 #include "kit/kit_update.h"
 #include "kit/transfer.h"
-#include "netlink/sockets.h"
+#include "switch/sockets.h"
 #include "ubus/members.h"
 #include "ubus/methods.h"
 #include "ubus/policies.h"

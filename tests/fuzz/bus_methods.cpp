@@ -8,12 +8,12 @@ extern "C" {
 
 #include <algorithm>
 
+#include "flows/enf_flow_db.h"
 #include "fuzz.h"
 #include "kit/upload.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/verdict.h"
 #include "records/enf_records.h"
 #include "records/mon_records.h"
+#include "switch/result.h"
 #include "ubus/methods.h"
 #include "world.h"
 

@@ -1,7 +1,7 @@
 // Packet messages as the kernel puts them into a ring frame, up to the engine's entry.
+#include "flows/capture.h"
 #include "fuzz.h"
-#include "netlink/capture.h"
-#include "netlink/protocol.h"
+#include "switch/protocol.h"
 #include "world.h"
 
 namespace {

@@ -2,11 +2,11 @@
 // full the queues are already.
 #include <arpa/inet.h>
 
+#include "flows/enf_flow_db.h"
 #include "fuzz.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/protocol.h"
-#include "netlink/verdict.h"
 #include "records/stats_report.h"
+#include "switch/protocol.h"
+#include "switch/result.h"
 #include "world.h"
 
 namespace {

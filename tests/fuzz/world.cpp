@@ -6,10 +6,10 @@
 #include "appmodel/app_lists.h"
 #include "appmodel/app_pool.h"
 #include "core/log.h"
+#include "flows/enf_flow_db.h"
 #include "fuzz.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/sockets.h"
 #include "records/mon_records.h"
+#include "switch/sockets.h"
 
 // In place of the libraries' functions, which need the switch or a server, and would make runs slow and
 // different from each other.

@@ -12,8 +12,8 @@
 
 #include "config/config_file.h"
 #include "core/paths.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/sockets.h"
+#include "flows/enf_flow_db.h"
+#include "switch/sockets.h"
 #include "unit/appmodel/model_fixture.h"
 #include "unit/sandbox.h"
 

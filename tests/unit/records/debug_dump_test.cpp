@@ -1,7 +1,7 @@
 #include "records/debug_dump.h"
 
-#include "netlink/capture.h"
-#include "netlink/sockets.h"
+#include "flows/capture.h"
+#include "switch/sockets.h"
 #include "unit/records/records_fixture.h"
 #include "unit/records/report_message.h"
 

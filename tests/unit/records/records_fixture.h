@@ -14,13 +14,13 @@
 #include <string>
 #include <vector>
 
-#include "netlink/enf_flow_db.h"
-#include "netlink/protocol.h"
-#include "netlink/verdict.h"
+#include "flows/enf_flow_db.h"
 #include "records/app_records.h"
 #include "records/enf_records.h"
 #include "records/mon_records.h"
 #include "records/stats_report.h"
+#include "switch/protocol.h"
+#include "switch/result.h"
 #include "unit/appmodel/model_fixture.h"
 #include "unit/records/test_clock.h"
 #include "unit/sandbox.h"

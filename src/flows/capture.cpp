@@ -1,4 +1,4 @@
-#include "netlink/capture.h"
+#include "flows/capture.h"
 
 #include <poll.h>
 #include <pthread.h>
@@ -14,10 +14,10 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/thread.h"
-#include "netlink/interrupt.h"
-#include "netlink/protocol.h"
-#include "netlink/reception.h"
-#include "netlink/sockets.h"
+#include "flows/interrupt.h"
+#include "switch/protocol.h"
+#include "switch/reception.h"
+#include "switch/sockets.h"
 
 constinit std::atomic<uint64_t> amPacketCounter{0};
 

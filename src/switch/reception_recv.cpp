@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "core/log.h"
-#include "netlink/protocol.h"
-#include "netlink/reception.h"
-#include "netlink/sockets.h"
+#include "switch/protocol.h"
+#include "switch/reception.h"
+#include "switch/sockets.h"
 
 namespace {
 

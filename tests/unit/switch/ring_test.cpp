@@ -1,4 +1,4 @@
-#include "netlink/ring.h"
+#include "switch/ring.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -8,11 +8,11 @@
 #include <thread>
 
 #include "core/log.h"
-#include "netlink/capture.h"
-#include "netlink/protocol.h"
-#include "netlink/reception.h"
-#include "netlink/sockets.h"
+#include "flows/capture.h"
 #include "support.h"
+#include "switch/protocol.h"
+#include "switch/reception.h"
+#include "switch/sockets.h"
 
 namespace {
 

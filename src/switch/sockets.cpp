@@ -1,4 +1,4 @@
-#include "netlink/sockets.h"
+#include "switch/sockets.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -10,12 +10,12 @@
 #include <cstring>
 
 #include "core/log.h"
-#include "netlink/capture.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/interrupt.h"
-#include "netlink/protocol.h"
-#include "netlink/reception.h"
+#include "flows/capture.h"
+#include "flows/enf_flow_db.h"
+#include "flows/interrupt.h"
 #include "records/stats_report.h"
+#include "switch/protocol.h"
+#include "switch/reception.h"
 
 constinit mnl_socket *control_nls = nullptr;
 constinit mnl_socket *packet_nls = nullptr;

@@ -10,9 +10,9 @@
 
 #include "core/log.h"
 #include "core/text.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
+#include "flows/enf_flow_db.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 
 namespace {
 

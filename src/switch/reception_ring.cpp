@@ -4,10 +4,10 @@
 #include <algorithm>
 
 #include "core/log.h"
-#include "netlink/protocol.h"
-#include "netlink/reception.h"
-#include "netlink/ring.h"
-#include "netlink/sockets.h"
+#include "switch/protocol.h"
+#include "switch/reception.h"
+#include "switch/ring.h"
+#include "switch/sockets.h"
 
 namespace {
 

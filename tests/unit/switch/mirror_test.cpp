@@ -2,10 +2,10 @@
 #include <unistd.h>
 
 #include "core/log.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
+#include "flows/enf_flow_db.h"
 #include "support.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 
 namespace {
 

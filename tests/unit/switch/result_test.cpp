@@ -1,4 +1,4 @@
-#include "netlink/verdict.h"
+#include "switch/result.h"
 
 #include <atomic>
 #include <cstring>
@@ -7,11 +7,11 @@
 #include <thread>
 
 #include "core/log.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
+#include "flows/enf_flow_db.h"
 #include "records/mon_records.h"
 #include "support.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 
 namespace {
 

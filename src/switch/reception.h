@@ -8,10 +8,10 @@
 #include <atomic>
 #include <cstddef>
 
+#include "flows/capture.h"
 #include "kit/engine.h"
-#include "netlink/capture.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 
 namespace am {
 

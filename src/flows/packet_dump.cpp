@@ -5,7 +5,7 @@
 
 #include "core/log.h"
 #include "core/text.h"
-#include "netlink/capture.h"
+#include "flows/capture.h"
 
 namespace {
 

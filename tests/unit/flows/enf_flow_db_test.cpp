@@ -1,4 +1,4 @@
-#include "netlink/enf_flow_db.h"
+#include "flows/enf_flow_db.h"
 
 #include <algorithm>
 #include <cstring>
@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "core/log.h"
-#include "netlink/sockets.h"
-#include "support.h"
+#include "switch/sockets.h"
+#include "unit/switch/support.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "appmodel/app_pool.h"
-#include "netlink/verdict.h"
+#include "switch/result.h"
 
 using Bytes = std::vector<uint8_t>;
 

@@ -1,11 +1,11 @@
-#include "netlink/ring.h"
+#include "switch/ring.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
 
-#include "netlink/protocol.h"
+#include "switch/protocol.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "netlink/verdict.h"
+#include "switch/result.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -10,10 +10,10 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/text.h"
-#include "netlink/enf_flow_db.h"
-#include "netlink/protocol.h"
-#include "netlink/sockets.h"
+#include "flows/enf_flow_db.h"
 #include "records/mon_records.h"
+#include "switch/protocol.h"
+#include "switch/sockets.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "netlink/record_slab.h"
+#include "flows/record_slab.h"
 
 #include <sys/mman.h>
 

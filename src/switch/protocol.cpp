@@ -1,4 +1,4 @@
-#include "netlink/protocol.h"
+#include "switch/protocol.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

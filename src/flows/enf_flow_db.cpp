@@ -1,4 +1,4 @@
-#include "netlink/enf_flow_db.h"
+#include "flows/enf_flow_db.h"
 
 #include <bit>
 #include <cinttypes>
@@ -8,10 +8,10 @@
 #include "core/armed_timer.h"
 #include "core/log.h"
 #include "core/text.h"
-#include "netlink/capture.h"
-#include "netlink/record_slab.h"
-#include "netlink/sockets.h"
-#include "netlink/verdict.h"
+#include "flows/capture.h"
+#include "flows/record_slab.h"
+#include "switch/result.h"
+#include "switch/sockets.h"
 
 constinit AmMutex amEnfFlowLock;
 constinit RbtTree amEnfFlowDb{};

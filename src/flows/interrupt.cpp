@@ -1,4 +1,4 @@
-#include "netlink/interrupt.h"
+#include "flows/interrupt.h"
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -11,8 +11,8 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/thread.h"
-#include "netlink/reception.h"
-#include "netlink/sockets.h"
+#include "switch/reception.h"
+#include "switch/sockets.h"
 
 namespace {
 
