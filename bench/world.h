@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "flows/enf_flow_db.h"
+#include "flows/flow_info.h"
 #include "switch/result.h"
 
 namespace bench {

@@ -16,6 +16,7 @@
 
 #include "appmodel/rbt.h"
 #include "core/shared_mutex.h"
+#include "core/text.h"
 
 inline constexpr size_t kAppNameSize = 32;    // a name of full width has no terminator in such a field
 inline constexpr size_t kGroupNameSize = 40;  // likewise
@@ -91,3 +92,17 @@ void amCleanAppList() EXCLUDES(amModelLock);  // frees the array
 inline AmActiveApp *amActiveApp(uint32_t appId) REQUIRES_SHARED(amModelLock) {
     return amActData && appId < amMaxAppIdCount ? amActData + appId : nullptr;
 }
+
+namespace am {
+
+// The application's name as log lines show it, terminated; empty without an entry.
+struct AppNameText {
+    char text[kAppNameSize + 1];
+};
+inline AppNameText appNameText(const AmActiveApp *app) REQUIRES_SHARED(amModelLock) {
+    AppNameText out{};
+    if (app) copyText(out.text, fieldText(app->appName));
+    return out;
+}
+
+}  // namespace am

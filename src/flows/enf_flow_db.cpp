@@ -9,8 +9,8 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/capture.h"
+#include "flows/flow_info.h"
 #include "flows/record_slab.h"
-#include "switch/result.h"
 #include "switch/sockets.h"
 
 constinit AmMutex amEnfFlowLock;

@@ -9,9 +9,9 @@
 #include "core/armed_timer.h"
 #include "core/log.h"
 #include "core/text.h"
+#include "flows/flow_info.h"
 #include "records/record_file.h"
 #include "records/record_names.h"
-#include "switch/result.h"
 
 constinit AmMutex amMonQueueLock;
 AmMonFtEntry amMonFtQueue[kMonQueueSize];

@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "flows/flow_info.h"
+
 inline constexpr int AM_NETLINK_PROTO = 26;
 inline constexpr size_t kMessageSize = 4096;      // bytes: every buffer, in and out, and every ring frame
 inline constexpr unsigned kFamilyHeaderSize = 4;  // bytes between the netlink header and the attributes
@@ -20,8 +22,6 @@ enum DpiMsg : uint16_t {
     DPI_MSG_CONFIG = 21,  // registration of the packet socket, or the mirror settings
     DPI_MSG_RESULT = 22,  // verdict of one flow
 };
-
-enum AmIpType : uint8_t { AM_IP_TYPE_IPV4 = 81, AM_IP_TYPE_IPV6 = 82 };
 
 // DPI_MSG_CONFIG.  Mirror settings carry 2, 3, 5, 6, 4, in this order.
 enum DpiCfgAttr : uint16_t {

@@ -4,37 +4,11 @@
 // the event-loop thread from the engine's exit entry.  It holds amModelLock shared for its whole run.
 #pragma once
 #include <libmnl/libmnl.h>
-#include <netinet/in.h>
 
 #include <cstddef>
-#include <cstdint>
 
 #include "appmodel/app_pool.h"
-#include "core/text.h"
-
-// What the engine hands over, one per classified flow.  The layout is the engine's; integers in host order
-// unless stated.
-struct capture_flow_info {
-    char app_name[256];  // the engine's own name; not used
-    in6_addr src_ip6;
-    in6_addr dst_ip6;
-    uint8_t src_mac[6];  // not used
-    uint8_t dst_mac[6];  // not used
-    uint32_t vlan;       // not used
-    uint32_t ipproto;    // AmIpType
-    uint32_t src_ip;     // network order
-    uint32_t dst_ip;     // network order
-    uint32_t src_port;   // low 16 bits
-    uint32_t dst_port;   // low 16 bits
-    uint32_t proto;      // low 8 bits
-    uint32_t unused;
-    uint32_t app_id;      // index into the active application array
-    uint32_t flow_state;  // tested for zero only
-};
-static_assert(sizeof(capture_flow_info) == 340 && offsetof(capture_flow_info, src_ip6) == 256 &&
-              offsetof(capture_flow_info, vlan) == 300 && offsetof(capture_flow_info, src_ip) == 308 &&
-              offsetof(capture_flow_info, proto) == 324 && offsetof(capture_flow_info, app_id) == 332 &&
-              offsetof(capture_flow_info, flow_state) == 336);
+#include "flows/flow_info.h"
 
 // One result message for every flow of a known family and an id in range while mirroring is on; a record in
 // the enforcement flow database, a monitoring entry and a count where the application's lists say so.  Always
@@ -48,16 +22,6 @@ int amSendResultMessage(const capture_flow_info *info, unsigned match) REQUIRES_
 int amSendResultMessage6(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(amModelLock);
 
 namespace am {
-
-// The application's name as log lines show it, terminated; empty without an entry.
-struct AppNameText {
-    char text[kAppNameSize + 1];
-};
-inline AppNameText appNameText(const AmActiveApp *app) REQUIRES_SHARED(amModelLock) {
-    AppNameText out{};
-    if (app) copyText(out.text, fieldText(app->appName));
-    return out;
-}
 
 inline constexpr size_t kResultSize = 256;  // bytes: no result message is longer
 

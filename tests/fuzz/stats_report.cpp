@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 
 #include "flows/enf_flow_db.h"
+#include "flows/flow_info.h"
 #include "fuzz.h"
 #include "records/stats_report.h"
 #include "switch/protocol.h"
-#include "switch/result.h"
 #include "world.h"
 
 namespace {

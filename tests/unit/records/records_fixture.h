@@ -15,12 +15,11 @@
 #include <vector>
 
 #include "flows/enf_flow_db.h"
+#include "flows/flow_info.h"
 #include "records/app_records.h"
 #include "records/enf_records.h"
 #include "records/mon_records.h"
 #include "records/stats_report.h"
-#include "switch/protocol.h"
-#include "switch/result.h"
 #include "unit/appmodel/model_fixture.h"
 #include "unit/records/test_clock.h"
 #include "unit/sandbox.h"

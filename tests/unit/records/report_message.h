@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "flows/flow_info.h"
 #include "switch/protocol.h"
-#include "switch/result.h"
 
 struct Attr {
     uint16_t number;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "appmodel/app_pool.h"
-#include "switch/result.h"
+#include "flows/flow_info.h"
 
 using Bytes = std::vector<uint8_t>;
 
