@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <pthread.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,7 +14,6 @@
 #include "core/log.h"
 #include "core/thread.h"
 #include "flows/interrupt.h"
-#include "switch/protocol.h"
 #include "switch/reception.h"
 #include "switch/sockets.h"
 
@@ -65,72 +63,13 @@ void capture(int fd) {
     }
 }
 
-// The attribute of a message that it fills to the end, which is every packet message of a healthy kernel;
-// null for any other.  Saves them the walk.
-const nlattr *soleAttribute(const nlmsghdr *nlh) {
-    constexpr uint32_t kAttributes = MNL_NLMSG_HDRLEN + kFamilyHeaderSize;
-    if (nlh->nlmsg_len < kAttributes + MNL_ATTR_HDRLEN) return nullptr;
-    const auto *attr = reinterpret_cast<const nlattr *>(reinterpret_cast<const char *>(nlh) + kAttributes);
-    const bool whole = attr->nla_len >= MNL_ATTR_HDRLEN &&
-                       kAttributes + MNL_ALIGN(uint32_t{attr->nla_len}) == MNL_ALIGN(nlh->nlmsg_len);
-    return whole ? attr : nullptr;
-}
-
-void debugPacket(const capture_pkt &pkt) {
-    // No first byte to look at: no attribute, or an empty one.
-    if (!pkt.data || pkt.len <= MNL_ATTR_HDRLEN) return;
-    const unsigned version = pkt.data[0] & 0xf0U;
-    amLog(AM_LOG_PACKET, "Ip version %x %x\n", version, pkt.data[0]);
-    switch (version) {
-        case 0x60:
-            dump_ipv6(&pkt);
-            break;
-        case 0x40:
-            dump_ipv4(&pkt);
-            break;
-        default:
-            amLog(AM_LOG_PACKET, "Wrong ip version\n");
-    }
-}
-
 }  // namespace
 
 namespace am {
 
 constinit std::atomic<bool> captureHalted{false};
 
-void failCapture() {
-    amLog(AM_LOG_ERROR, "%s:%d mnl_cb_run error!!!\n", "mainpThread", __LINE__);
-    _exit(1);  // no exit(): other threads still use what its handlers would tear down
-}
-
 }  // namespace am
-
-int packet_attr_cb(const nlattr *attr, void *pkt) {
-    if ((attr->nla_type & NLA_TYPE_MASK) != DPI_PKT_A_DATA) return MNL_CB_STOP;
-    auto *packet = static_cast<capture_pkt *>(pkt);
-    packet->data = reinterpret_cast<const uint8_t *>(attr) + MNL_ATTR_HDRLEN;
-    packet->len = attr->nla_len;
-    return MNL_CB_OK;
-}
-
-int packet_cb(const nlmsghdr *nlh, void *) {
-    capture_pkt pkt{};
-    const nlattr *sole = soleAttribute(nlh);
-    const int walked =
-        sole ? packet_attr_cb(sole, &pkt) : mnl_attr_parse(nlh, kFamilyHeaderSize, packet_attr_cb, &pkt);
-    if (walked != MNL_CB_OK) return walked;
-
-    if (print_debug.load(std::memory_order_relaxed) != 0) [[unlikely]]
-        debugPacket(pkt);
-    amEngineYield();
-    timeval now;
-    gettimeofday(&now, nullptr);
-    if (process_pktptr) process_pktptr(&pkt, &now);
-    // The only writer: no need for the bus lock of an atomic addition.
-    amPacketCounter.store(amPacketCounter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    return MNL_CB_OK;
-}
 
 void *mainpThread(void *) {
     // The flow trees and the aging timer are the main thread's to set up, before this thread runs: the event

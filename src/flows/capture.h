@@ -1,14 +1,16 @@
-// The packet-capture thread: waits on the packet socket, walks the ring frame by frame, and hands every
-// mirrored packet to the engine.  It alone reads the ring and the packet socket.
+// The packet-capture thread: waits for mirrored packets and hands every one to the engine.  It alone reads
+// them.
 #pragma once
-#include <libmnl/libmnl.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <cstdint>
 
+#include "core/log.h"
+#include "flows/packet_dump.h"
 #include "kit/engine.h"
 
-// Packet messages accepted, whether or not an engine took them.  Written by the capture thread alone.
+// Packets accepted, whether or not an engine took them.  Written by the capture thread alone.
 extern std::atomic<uint64_t> amPacketCounter;
 
 // Starts the thread.  Main thread, once, after amCreateNetLinkSockets.
@@ -21,18 +23,25 @@ void amPktCaptureThread();
 namespace am {
 // The same, with a bound: whether the thread has ended by then.  Any thread but that one.
 bool stopCaptureWithin(int milliseconds);
+
+// Set when the capture thread is to end: by its stop, and by SIGINT's handler.  Looked at between packets,
+// since they may never stop coming.
+extern std::atomic<bool> captureHalted;
+static_assert(std::atomic<bool>::is_always_lock_free);  // stored in a signal handler
+
+// For whoever reads the packets: hands one on, which stays where it is until this returns.  Lets the
+// event-loop thread take the gate first if that wants it.  Capture thread.
+inline void handPacket(const capture_pkt &pkt) REQUIRES(amEngineGate) {
+    if (print_debug.load(std::memory_order_relaxed) != 0) [[unlikely]]
+        logPacket(pkt);
+    amEngineYield();
+    timeval now;
+    gettimeofday(&now, nullptr);
+    if (process_pktptr) process_pktptr(&pkt, &now);
+    // The only writer: no need for the bus lock of an atomic addition.
+    amPacketCounter.store(amPacketCounter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
 }  // namespace am
 
 // The thread's body; it returns only when it has been asked to stop.
 void *mainpThread(void *);
-
-// Data callback of the packet socket, run by mnl_cb_run: 1 go on, 0 stop this buffer.  The message is
-// untrusted.  Lets the event-loop thread take the gate first if that wants it.
-int packet_cb(const nlmsghdr *nlh, void *data) REQUIRES(amEngineGate);
-
-// 1 for the packet attribute, which is noted in the capture_pkt given as data; 0 for any other.
-int packet_attr_cb(const nlattr *attr, void *pkt);
-
-// Packet lines of the log, at PACKET.  A packet too short for the header that a line shows gets no line.
-void dump_ipv4(const capture_pkt *pkt);
-void dump_ipv6(const capture_pkt *pkt);

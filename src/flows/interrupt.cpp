@@ -11,7 +11,7 @@
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/thread.h"
-#include "switch/reception.h"
+#include "flows/capture.h"
 #include "switch/sockets.h"
 
 namespace {

@@ -1,11 +1,11 @@
-// The packet lines of the log, written while print_debug is set.
+#include "flows/packet_dump.h"
+
 #include <arpa/inet.h>
 
 #include <cstring>
 
 #include "core/log.h"
 #include "core/text.h"
-#include "flows/capture.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ constexpr size_t kIpv6HeaderSize = 40;  // RFC 8200, without extension headers
 constexpr size_t kPortsSize = 4;        // source and destination port begin the headers of TCP and UDP
 
 size_t bytesOf(const capture_pkt &pkt) {
-    return pkt.data && pkt.len > MNL_ATTR_HDRLEN ? pkt.len - MNL_ATTR_HDRLEN : 0;
+    return pkt.data && pkt.len > kPacketLengthExtra ? pkt.len - kPacketLengthExtra : 0;
 }
 
 template <class Field>
@@ -71,3 +71,23 @@ void dump_ipv6(const capture_pkt *pkt) {
         amLog(AM_LOG_PACKET, "iphdr.saddr %s, .daddr %s, UDP.source %u, dest %u, pay_len: %d\n", source.text,
               destination.text, portAt(*pkt, kIpv6HeaderSize), portAt(*pkt, kIpv6HeaderSize + 2), length);
 }
+
+namespace am {
+
+void logPacket(const capture_pkt &pkt) {
+    if (bytesOf(pkt) == 0) return;
+    const unsigned version = pkt.data[0] & 0xf0U;
+    amLog(AM_LOG_PACKET, "Ip version %x %x\n", version, pkt.data[0]);
+    switch (version) {
+        case 0x60:
+            dump_ipv6(&pkt);
+            break;
+        case 0x40:
+            dump_ipv4(&pkt);
+            break;
+        default:
+            amLog(AM_LOG_PACKET, "Wrong ip version\n");
+    }
+}
+
+}  // namespace am

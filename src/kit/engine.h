@@ -21,8 +21,9 @@ struct capture_flow_info;
 // The packet descriptor that the engine takes; the layout is the engine's.
 struct capture_pkt {
     const uint8_t *data;  // first byte of the packet, its IP header; null for an empty packet
-    uint64_t len;         // the packet attribute's length field: counts its 4-byte header as well
+    uint64_t len;         // the packet's bytes and kPacketLengthExtra more; 0 without a packet
 };
+inline constexpr uint64_t kPacketLengthExtra = 4;  // the switch's kernel counts the header of its attribute
 static_assert(sizeof(void *) != 8 || (sizeof(capture_pkt) == 16 && offsetof(capture_pkt, len) == 8));
 
 using PcapPacketFn = void (*)(const capture_pkt *pkt, const struct timeval *ts);

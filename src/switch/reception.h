@@ -5,13 +5,7 @@
 #pragma once
 #include <libmnl/libmnl.h>
 
-#include <atomic>
-#include <cstddef>
-
-#include "flows/capture.h"
 #include "kit/engine.h"
-#include "switch/protocol.h"
-#include "switch/sockets.h"
 
 namespace am {
 
@@ -27,19 +21,5 @@ enum class Drained {
 // Hands on what the packet socket holds until there is no more, the capture thread has been asked to end, or
 // a frame cannot be completed yet.  Lets the event-loop thread take the gate between packets.
 Drained drainPacketSocket() REQUIRES(amEngineGate);
-
-// Set when the capture thread is to end: by its stop, and by SIGINT's handler.  Looked at between frames,
-// since packets may never stop coming.
-extern std::atomic<bool> captureHalted;
-static_assert(std::atomic<bool>::is_always_lock_free);  // stored in a signal handler
-
-// What a netlink error in a packet buffer comes to.
-[[noreturn]] void failCapture();
-
-// Runs the packet callback over the netlink messages in `data`.
-inline void dispatchPackets(const void *data, size_t length) REQUIRES(amEngineGate) {
-    if (runMessages(data, length, packet_portid, packet_cb) < MNL_CB_STOP) [[unlikely]]
-        failCapture();
-}
 
 }  // namespace am

@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "flows/capture.h"
+#include "switch/packets.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
 #include "switch/sockets.h"

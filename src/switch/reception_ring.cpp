@@ -4,6 +4,8 @@
 #include <algorithm>
 
 #include "core/log.h"
+#include "flows/capture.h"
+#include "switch/packets.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
 #include "switch/ring.h"

@@ -1,7 +1,6 @@
 // Packet messages as the kernel puts them into a ring frame, up to the engine's entry.
-#include "flows/capture.h"
 #include "fuzz.h"
-#include "switch/protocol.h"
+#include "switch/packets.h"
 #include "world.h"
 
 namespace {
