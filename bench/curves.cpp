@@ -5,6 +5,7 @@
 
 #include "appmodel/app_lists.h"
 #include "kit/engine.h"
+#include "records/verdict.h"
 #include "ring_world.h"
 #include "rows.h"
 #include "switch/reception.h"

@@ -4,8 +4,10 @@
 #include <array>
 #include <memory>
 
+#include "records/verdict.h"
 #include "rows.h"
 #include "switch/protocol.h"
+#include "switch/result.h"
 #include "switch/sockets.h"
 #include "world.h"
 

@@ -17,9 +17,9 @@
 #include "core/log.h"
 #include "records/debug_dump.h"
 #include "records/mon_records.h"
+#include "records/verdict.h"
 #include "rows.h"
 #include "switch/protocol.h"
-#include "switch/result.h"
 #include "world.h"
 
 namespace bench {

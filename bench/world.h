@@ -11,7 +11,6 @@
 
 #include "flows/enf_flow_db.h"
 #include "flows/flow_info.h"
-#include "switch/result.h"
 
 namespace bench {
 

@@ -25,7 +25,7 @@ extern "C" {
 #include "records/app_records.h"
 #include "records/enf_records.h"
 #include "records/mon_records.h"
-#include "switch/result.h"
+#include "records/verdict.h"
 #include "switch/sockets.h"
 #include "ubus/bus_object.h"
 

@@ -11,7 +11,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/enf_flow_db.h"
-#include "records/mon_records.h"
+#include "flows/kernel_side.h"
 #include "switch/protocol.h"
 #include "switch/sockets.h"
 
@@ -114,6 +114,8 @@ uint16_t wirePort(uint32_t port) {
     return htons(static_cast<uint16_t>(port));
 }
 
+constexpr AmActiveApp kNoApp{};
+
 template <class Ip>
 const nlmsghdr *build(void *buffer, const capture_flow_info &info, unsigned match, const AmActiveApp *app)
     REQUIRES_SHARED(amModelLock) {
@@ -126,7 +128,6 @@ const nlmsghdr *build(void *buffer, const capture_flow_info &info, unsigned matc
     attributes.put(DPI_RS_A_MATCH, lowByte(match));
     if (match != 1) return attributes.finish();
 
-    static constexpr AmActiveApp kNoApp{};
     const AmActiveApp &entry = app ? *app : kNoApp;
     attributes.put(DPI_RS_A_APP_ID, info.app_id);
     attributes.put(DPI_RS_A_APP_NAME, am::fieldText(entry.appName));
@@ -175,38 +176,4 @@ int amSendResultMessage(const capture_flow_info *info, unsigned match) {
 
 int amSendResultMessage6(const capture_flow_info *info, unsigned match) {
     return sendResult<V6>(info, match);
-}
-
-int am_capture_flow_func(const capture_flow_info *info) {
-    if (!info) return 0;
-    // For the whole run: the entry stays where it is, the lists do not change halfway, and mirroring is not
-    // switched off between the look at the state and the flow's record.
-    const AmSharedGuard model(amModelLock);
-    if (amAdminState.load(std::memory_order_relaxed) != 1) return 0;
-    if (info->app_id >= amMaxAppIdCount) {
-        amLog(AM_LOG_ERROR, "%s:%d Out of appid:%d\n", __func__, __LINE__, info->app_id);
-        return 0;
-    }
-    AmActiveApp *app = amActiveApp(info->app_id);
-    if (!app) return 0;
-
-    const unsigned match = app->isEnforcement ? 1 : 0;
-    switch (info->ipproto) {
-        case AM_IP_TYPE_IPV6:
-            amLog(AM_LOG_DEBUG, "%s:%d Capture flow Get package\n", __func__, __LINE__);
-            amLog(AM_LOG_DEBUG, "%s:%d Capture flow Get package\n", __func__, __LINE__);
-            (void)amSendResultMessage6(info, match);
-            if (!app->isMonitoring) return 0;
-            (void)amUpdateMonFlow6(info);
-            break;
-        case AM_IP_TYPE_IPV4:
-            (void)amSendResultMessage(info, match);
-            if (!app->isMonitoring) return 0;
-            (void)amUpdateMonFlow(info);
-            break;
-        default:
-            return 0;
-    }
-    app->monFlowCount.fetch_add(1, std::memory_order_relaxed);
-    return 0;
 }

@@ -1,7 +1,5 @@
-// The engine's verdicts: the per-flow callback, and the result messages that it sends to the kernel.
-//
-// Threads: the callback runs on whatever thread the engine calls it from, mostly the capture thread, also on
-// the event-loop thread from the engine's exit entry.  It holds amModelLock shared for its whole run.
+// DPI_MSG_RESULT: what the kernel is told of a classified flow.  Sent by amSendResultMessage[6] of
+// flows/kernel_side.h, on the engine's threads.
 #pragma once
 #include <libmnl/libmnl.h>
 
@@ -9,17 +7,6 @@
 
 #include "appmodel/app_pool.h"
 #include "flows/flow_info.h"
-
-// One result message for every flow of a known family and an id in range while mirroring is on; a record in
-// the enforcement flow database, a monitoring entry and a count where the application's lists say so.  Always
-// 0. Exported for engines that look the function up rather than the pointer capture_flow_func.
-extern "C" __attribute__((visibility("default"))) int am_capture_flow_func(const capture_flow_info *info)
-    EXCLUDES(amModelLock);
-
-// Sends the result message and, with a match, records the flow, whether or not the send succeeded.  Always 1.
-// Called by the callback, which has checked the id.
-int amSendResultMessage(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(amModelLock);
-int amSendResultMessage6(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(amModelLock);
 
 namespace am {
 

@@ -9,11 +9,12 @@ extern "C" {
 #include <algorithm>
 
 #include "flows/enf_flow_db.h"
+#include "flows/flow_info.h"
 #include "fuzz.h"
 #include "kit/upload.h"
 #include "records/enf_records.h"
 #include "records/mon_records.h"
-#include "switch/result.h"
+#include "records/verdict.h"
 #include "ubus/methods.h"
 #include "world.h"
 

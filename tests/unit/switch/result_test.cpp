@@ -9,6 +9,7 @@
 #include "core/log.h"
 #include "flows/enf_flow_db.h"
 #include "records/mon_records.h"
+#include "records/verdict.h"
 #include "support.h"
 #include "switch/protocol.h"
 #include "switch/sockets.h"
