@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "flows/kernel_side.h"
 #include "kit/engine.h"
 #include "recv_reception.h"
 #include "ring_world.h"
@@ -66,7 +67,7 @@ size_t bareRing() {
 
 size_t ourRing() {
     amEngineEnter();
-    keep(am::drainPacketSocket());
+    keep(am::drainPackets());
     amEngineLeave();
     return kFrames;
 }
@@ -127,7 +128,7 @@ void addReceiveRow(Table &table) {
                            }},
                   .ours = {prepare, [] {
                                amEngineEnter();
-                               keep(recvDrainPacketSocket());
+                               keep(recvDrainPackets());
                                amEngineLeave();
                                return kDatagrams;
                            }}});

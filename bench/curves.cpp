@@ -4,6 +4,7 @@
 #include <string>
 
 #include "appmodel/app_lists.h"
+#include "flows/kernel_side.h"
 #include "kit/engine.h"
 #include "records/verdict.h"
 #include "ring_world.h"
@@ -117,7 +118,7 @@ void packets() {
                },
                [] {
                    amEngineEnter();
-                   keep(am::drainPacketSocket());
+                   keep(am::drainPackets());
                    amEngineLeave();
                    return size_t{kFrames};
                }});

@@ -1,3 +1,3 @@
 #define setUpReception recvSetUpReception
-#define drainPacketSocket recvDrainPacketSocket
+#define drainPackets recvDrainPackets
 #include "switch/reception_recv.cpp"  // NOLINT(bugprone-suspicious-include): the same source beside the ring's

@@ -1,13 +1,14 @@
 // The daemon's reader of plain receives, which a build for the ring leaves out, under other names.
 #pragma once
+#include "flows/kernel_side.h"
 #include "switch/reception.h"
 
 namespace am {
 int recvSetUpReception(mnl_socket *socket);
-Drained recvDrainPacketSocket() REQUIRES(amEngineGate);
+Drained recvDrainPackets() REQUIRES(amEngineGate);
 }  // namespace am
 
 namespace bench {
-using am::recvDrainPacketSocket;
+using am::recvDrainPackets;
 using am::recvSetUpReception;
 }  // namespace bench

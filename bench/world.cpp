@@ -13,6 +13,7 @@
 #include "appmodel/app_lists.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "flows/mirroring.h"
 #include "switch/protocol.h"
 #include "switch/sockets.h"
 

@@ -1,6 +1,5 @@
 // Start-up and shutdown.  No step looks at the result of an earlier one: a daemon without a bus or without a
-// configuration still serves the kernel; only the netlink sockets are indispensable, and end the process
-// themselves.
+// configuration still serves the kernel; only the kernel side is indispensable, and ends the process itself.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,13 +19,13 @@ extern "C" {
 #include "core/paths.h"
 #include "flows/capture.h"
 #include "flows/enf_flow_db.h"
+#include "flows/kernel_side.h"
 #include "kit/engine.h"
 #include "kit/upload.h"
 #include "records/app_records.h"
 #include "records/enf_records.h"
 #include "records/mon_records.h"
 #include "records/verdict.h"
-#include "switch/sockets.h"
 #include "ubus/bus_object.h"
 
 namespace {
@@ -77,7 +76,7 @@ void shutDown() {
     if (captureEnded)
         amCloseNetLinkSockets();
     else
-        am::closeDescriptors();
+        am::abandonKernelSide();
     if (!captureEnded || !uploadThreadsEnded()) {
         // Neither is waited for any longer, and what they run uses what the libraries' clean-up and exit's
         // handlers tear down.

@@ -15,9 +15,9 @@
 #include "core/handle.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "flows/mirroring.h"
 #include "kit/kit_update.h"
 #include "kit/transfer.h"
-#include "switch/sockets.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/text.h"
-#include "switch/sockets.h"
+#include "flows/mirroring.h"
 
 constinit int32_t reloadSignFile = 0;
 

@@ -2,9 +2,11 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -14,8 +16,7 @@
 #include "core/log.h"
 #include "core/thread.h"
 #include "flows/interrupt.h"
-#include "switch/reception.h"
-#include "switch/sockets.h"
+#include "flows/kernel_side.h"
 
 constinit std::atomic<uint64_t> amPacketCounter{0};
 
@@ -25,6 +26,7 @@ constexpr int kPollTimeout = 1000;         // milliseconds
 constexpr long kWaitingPause = 1'000'000;  // nanoseconds
 constexpr int kStopPauseMs = 10;
 constexpr int kStopPatienceMs = 3000;
+constexpr int kInterruptPatienceMs = 500;
 constexpr int kWakeSignal = SIGURG;  // ignored by default, so nobody misses it
 
 constinit AmMutex threadLock;
@@ -57,7 +59,7 @@ void capture(int fd) {
             continue;
         }
         amEngineEnter();
-        const am::Drained drained = am::drainPacketSocket();
+        const am::Drained drained = am::drainPackets();
         amEngineLeave();
         if (drained == am::Drained::waiting) pauseFor(kWaitingPause);
     }
@@ -75,7 +77,7 @@ void *mainpThread(void *) {
     // The flow trees and the aging timer are the main thread's to set up, before this thread runs: the event
     // loop is not to be called from here.
     installInterruptHandler();
-    capture(mnl_socket_get_fd(packet_nls));
+    capture(am::packetDescriptor());
     return nullptr;
 }
 
@@ -110,6 +112,20 @@ bool stopCaptureWithin(int milliseconds) {
         pauseFor(kStopPauseMs * 1'000'000L);
     }
     return false;
+}
+
+void endCaptureAtInterrupt() {
+    amLog(AM_LOG_ERROR, "%s:%d recv packet count: %" PRIu64 "\n", "my_sig_handler", __LINE__,
+          amPacketCounter.load(std::memory_order_relaxed));
+    // The thread may be sending a verdict.  One that is held up in the engine is not waited for.
+    (void)stopCaptureWithin(kInterruptPatienceMs);
+}
+
+int takeSocketError(int fd) {
+    int error = 0;
+    socklen_t size = sizeof error;
+    (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    return error;
 }
 
 }  // namespace am

@@ -16,13 +16,19 @@ extern std::atomic<uint64_t> amPacketCounter;
 // Starts the thread.  Main thread, once, after amCreateNetLinkSockets.
 void amPktCaptureThread();
 
-// Asks the thread to end and waits for it, a few seconds at most: before the sockets close.  False when it
-// still runs, held up in the engine: then nothing that it uses may go.  Main thread.
+// Asks the thread to end and waits for it, a few seconds at most: before the kernel side closes.  False when
+// it still runs, held up in the engine: then nothing that it uses may go.  Main thread.
 [[nodiscard]] bool amStopCaptureThread();
 
 namespace am {
 // The same, with a bound: whether the thread has ended by then.  Any thread but that one.
 bool stopCaptureWithin(int milliseconds);
+
+// What an interrupt does about it: the packet count to the log, and half a second for the thread to end.
+void endCaptureAtInterrupt();
+
+// The pending error of a socket, which is then gone from it; 0 if there is none.  Any thread.
+int takeSocketError(int fd);
 
 // Set when the capture thread is to end: by its stop, and by SIGINT's handler.  Looked at between packets,
 // since they may never stop coming.

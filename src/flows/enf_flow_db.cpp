@@ -10,8 +10,9 @@
 #include "core/text.h"
 #include "flows/capture.h"
 #include "flows/flow_info.h"
+#include "flows/kernel_side.h"
+#include "flows/mirroring.h"
 #include "flows/record_slab.h"
-#include "switch/sockets.h"
 
 constinit AmMutex amEnfFlowLock;
 constinit RbtTree amEnfFlowDb{};

@@ -12,7 +12,7 @@
 #include "core/log.h"
 #include "core/thread.h"
 #include "flows/capture.h"
-#include "switch/sockets.h"
+#include "flows/kernel_side.h"
 
 namespace {
 

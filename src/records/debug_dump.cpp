@@ -8,9 +8,9 @@
 #include "core/text.h"
 #include "flows/capture.h"
 #include "flows/enf_flow_db.h"
+#include "flows/kernel_side.h"
 #include "records/mon_records.h"
 #include "records/stats_report.h"
-#include "switch/sockets.h"
 
 namespace {
 

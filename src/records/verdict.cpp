@@ -4,8 +4,8 @@
 #include "core/log.h"
 #include "flows/flow_info.h"
 #include "flows/kernel_side.h"
+#include "flows/mirroring.h"
 #include "records/mon_records.h"
-#include "switch/sockets.h"
 
 int am_capture_flow_func(const capture_flow_info *info) {
     if (!info) return 0;

@@ -5,6 +5,7 @@
 
 #include "core/log.h"
 #include "flows/capture.h"
+#include "flows/kernel_side.h"
 #include "switch/packets.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
@@ -38,7 +39,7 @@ int setUpReception(mnl_socket *socket) {
     return 0;
 }
 
-Drained drainPacketSocket() {
+Drained drainPackets() {
     while (!captureHalted.load(std::memory_order_relaxed)) {
         amEngineYield();  // messages without a packet may come without end, too
         const int got = recvmmsg(mnl_socket_get_fd(packet_nls), batch, kBatch, MSG_DONTWAIT, nullptr);

@@ -5,6 +5,7 @@
 
 #include "core/log.h"
 #include "flows/capture.h"
+#include "flows/kernel_side.h"
 #include "switch/packets.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
@@ -23,7 +24,7 @@ int setUpReception(mnl_socket *socket) {
     return mnl_socket_set_ring(socket, &mmap_ring);
 }
 
-Drained drainPacketSocket() {
+Drained drainPackets() {
     const size_t room = mmap_ring.req.nm_frame_size - sizeof(NlMmapHdr);
     while (!captureHalted.load(std::memory_order_relaxed)) {
         amEngineYield();  // frames without a packet may come without end, too

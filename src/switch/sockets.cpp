@@ -5,14 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
 #include "core/log.h"
 #include "flows/capture.h"
-#include "flows/enf_flow_db.h"
 #include "flows/interrupt.h"
+#include "flows/kernel_side.h"
+#include "flows/mirroring.h"
 #include "records/stats_report.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
@@ -22,13 +22,11 @@ constinit mnl_socket *packet_nls = nullptr;
 constinit uint32_t control_portid = 0;
 constinit uint32_t packet_portid = 0;
 uloop_fd mgmt_fd;
-constinit std::atomic<int> amAdminState{0};
 constinit std::atomic<uint64_t> amStatsCounter{0};
 
 namespace {
 
 constexpr uint32_t kPacketPortBit = 0x10000;
-constexpr int kClosePatienceMs = 500;
 constexpr unsigned kMgmtFlags = ULOOP_READ | ULOOP_EDGE_TRIGGER | ULOOP_ERROR_CB;
 static_assert(kMgmtFlags == 0x45);
 
@@ -46,12 +44,6 @@ void publish(mnl_socket *&socket, mnl_socket *ready) EXCLUDES(closeLock) {
     socket = ready;
 }
 
-// Nothing is sent once an interrupt has told the kernel to stop: that has to be its last word.
-void sendMirrorState(uint8_t state) EXCLUDES(closeLock) {
-    const AmGuard guard(closeLock);
-    if (!withdrawn) (void)amSendMirrorConfig(control_nls, state);
-}
-
 mnl_socket *openSocket(const char *failText) {
     mnl_socket *socket = mnl_socket_open(AM_NETLINK_PROTO);
     if (!socket) failWith(failText);
@@ -67,12 +59,6 @@ void bindSocket(mnl_socket *socket, uint32_t portid) {
 void closeSocket(mnl_socket *&socket) {
     if (socket) (void)mnl_socket_close(socket);
     socket = nullptr;
-}
-
-// A verdict looks at the state with the lock held and keeps it until its flow is recorded.
-void setAdminState(int state) EXCLUDES(amModelLock) {
-    const AmGuard model(amModelLock);
-    amAdminState.store(state, std::memory_order_relaxed);
 }
 
 void readReports(int fd) {
@@ -110,7 +96,7 @@ void amCreateNetLinkSockets() {
     publish(packet_nls, packets);
 
     (void)amSendPktPortId(control_nls, packet_portid);
-    if (amAdminState.load(std::memory_order_relaxed) == 1) sendMirrorState(1);
+    if (amAdminState.load(std::memory_order_relaxed) == 1) am::setMirroring(true);
 
     mgmt_fd.cb = amRecvNLMgmtSocket;
     mgmt_fd.fd = mnl_socket_get_fd(control_nls);
@@ -128,21 +114,6 @@ void amCloseNetLinkSockets() {
     closeSocket(control_nls);
 }
 
-void amNetLinkMirrorState(int state) {
-    if (state == amAdminState.load(std::memory_order_relaxed)) return;
-    if (state == 1) {
-        setAdminState(1);
-        sendMirrorState(1);
-        amLog(AM_LOG_DEBUG, "%s:%d Enable the DPI-NetLink Mirror\n", __func__, __LINE__);
-        return;
-    }
-    setAdminState(0);
-    sendMirrorState(0);
-    amLog(AM_LOG_DEBUG, "%s:%d Disable the DPI-NetLink Mirror\n", __func__, __LINE__);
-    amCleanAllEnfFlowDb();
-    amCleanAllEnfFlowDb6();
-}
-
 void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events) {
     if (events & ULOOP_READ) readReports(mnl_socket_get_fd(control_nls));
     if (fd->error) {
@@ -156,25 +127,25 @@ void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events) {
 
 namespace am {
 
-int takeSocketError(int fd) {
-    int error = 0;
-    socklen_t size = sizeof error;
-    (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-    return error;
+// Nothing is sent once an interrupt has told the kernel to stop: that has to be its last word.
+void setMirroring(bool on) {
+    const AmGuard guard(closeLock);
+    if (!withdrawn) (void)amSendMirrorConfig(control_nls, on ? 1 : 0);
+}
+
+int packetDescriptor() {
+    return mnl_socket_get_fd(packet_nls);
 }
 
 void withdrawFromKernel() {
     const AmGuard guard(closeLock);
     withdrawn = true;
     if (control_nls) (void)amSendMirrorConfig(control_nls, 0);
-    amLog(AM_LOG_ERROR, "%s:%d recv packet count: %" PRIu64 "\n", "my_sig_handler", __LINE__,
-          amPacketCounter.load(std::memory_order_relaxed));
-    // The capture thread may be sending a verdict.  One that is held up in the engine is not waited for.
-    (void)stopCaptureWithin(kClosePatienceMs);
-    closeDescriptors();
+    endCaptureAtInterrupt();
+    abandonKernelSide();
 }
 
-void closeDescriptors() {
+void abandonKernelSide() {
     for (const mnl_socket *socket : {packet_nls, control_nls})
         if (socket) (void)close(mnl_socket_get_fd(socket));
 }

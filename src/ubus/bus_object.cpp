@@ -8,7 +8,7 @@
 #include "config/config_file.h"
 #include "core/log.h"
 #include "core/paths.h"
-#include "switch/sockets.h"
+#include "flows/mirroring.h"
 #include "ubus/methods.h"
 #include "ubus/policies.h"
 

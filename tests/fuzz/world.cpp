@@ -7,6 +7,7 @@
 #include "appmodel/app_pool.h"
 #include "core/log.h"
 #include "flows/enf_flow_db.h"
+#include "flows/mirroring.h"
 #include "fuzz.h"
 #include "records/mon_records.h"
 #include "switch/sockets.h"

@@ -13,6 +13,7 @@
 #include "config/config_file.h"
 #include "core/paths.h"
 #include "flows/enf_flow_db.h"
+#include "flows/mirroring.h"
 #include "switch/sockets.h"
 #include "unit/appmodel/model_fixture.h"
 #include "unit/sandbox.h"

@@ -7,7 +7,8 @@
 #include <thread>
 
 #include "core/log.h"
-#include "switch/sockets.h"
+#include "flows/kernel_side.h"
+#include "flows/mirroring.h"
 #include "unit/switch/support.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #include "records/debug_dump.h"
 
 #include "flows/capture.h"
-#include "switch/sockets.h"
+#include "flows/kernel_side.h"
 #include "unit/records/records_fixture.h"
 #include "unit/records/report_message.h"
 

@@ -3,6 +3,8 @@
 
 #include "core/log.h"
 #include "flows/enf_flow_db.h"
+#include "flows/kernel_side.h"
+#include "flows/mirroring.h"
 #include "support.h"
 #include "switch/protocol.h"
 #include "switch/sockets.h"

@@ -8,6 +8,8 @@
 
 #include "core/log.h"
 #include "flows/enf_flow_db.h"
+#include "flows/kernel_side.h"
+#include "flows/mirroring.h"
 #include "records/mon_records.h"
 #include "records/verdict.h"
 #include "support.h"

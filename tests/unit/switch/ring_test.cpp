@@ -9,9 +9,9 @@
 
 #include "core/log.h"
 #include "flows/capture.h"
+#include "flows/kernel_side.h"
 #include "support.h"
 #include "switch/protocol.h"
-#include "switch/reception.h"
 #include "switch/sockets.h"
 
 namespace {
@@ -64,7 +64,7 @@ class Ring : public testing::Test {
     void copyFrame(uint32_t index) const { frame(index)->nm_status = NL_MMAP_COPY; }
     static am::Drained drain() {
         const AmGuard gate(amEngineGate);
-        return am::drainPacketSocket();
+        return am::drainPackets();
     }
     static Bytes marks() {
         Bytes out;

@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/enf_flow_db.h"
+#include "flows/mirroring.h"
 #include "switch/protocol.h"
 #include "switch/sockets.h"
 
