@@ -10,6 +10,7 @@
 #include "records/stats_report.h"
 #include "rows.h"
 #include "switch/protocol.h"
+#include "switch/reports.h"
 #include "switch/sockets.h"
 #include "world.h"
 

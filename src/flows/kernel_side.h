@@ -5,7 +5,8 @@
 //                                       |--withdrawFromKernel--> silent, the process ends at once
 //                                       '--abandonKernelSide--> the process ends at once
 //
-// What it tells the daemon: packets by am::handPacket (flows/capture.h).
+// What it tells the daemon: packets by am::handPacket (flows/capture.h), counters by am::reportFlow4 and 6
+// (flows/flow_report.h).
 #pragma once
 #include <atomic>
 #include <cstdint>

@@ -1,7 +1,6 @@
-// The kernel's statistics reports: parsed, matched against the enforcement flow database, and queued for the
-// enforcement records file.  All of it on the event-loop thread, inside the control socket's handler.
+// Flows' counters as the kernel's side reports them (flows/flow_report.h): matched against the enforcement
+// flow database, and queued for the enforcement records file.  All of it on the event-loop thread.
 #pragma once
-#include <libmnl/libmnl.h>
 #include <netinet/in.h>
 
 #include <cstddef>
@@ -41,7 +40,3 @@ extern int32_t ft4CommonIndex, ft6CommonIndex;  // filled entries
 
 // Reports dropped because a queue was full and could not be flushed.
 extern uint64_t amReportsDropped;
-
-// Data callback of the control socket, run by mnl_cb_run: 1 go on, 0 stop this buffer, -1 error.  The message
-// is untrusted.
-int stats_cb(const nlmsghdr *nlh, void *data);

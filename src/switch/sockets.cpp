@@ -13,9 +13,9 @@
 #include "flows/interrupt.h"
 #include "flows/kernel_side.h"
 #include "flows/mirroring.h"
-#include "records/stats_report.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
+#include "switch/reports.h"
 
 constinit mnl_socket *control_nls = nullptr;
 constinit mnl_socket *packet_nls = nullptr;

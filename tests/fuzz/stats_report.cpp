@@ -7,6 +7,7 @@
 #include "fuzz.h"
 #include "records/stats_report.h"
 #include "switch/protocol.h"
+#include "switch/reports.h"
 #include "world.h"
 
 namespace {

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "records/stats_report.h"
+#include "switch/reports.h"
 
 Attrs reportOf(const capture_flow_info &flow, uint8_t aged, uint32_t byteCnt, uint32_t pktCnt) {
     Attrs attrs{{DPI_STA_R_A_IP_TYPE, bytesOf(static_cast<uint8_t>(flow.ipproto))}};
