@@ -115,6 +115,8 @@ ctest_preset() {
 stage_lint() {
     say "formatting"
     git ls-files '*.cpp' '*.h' | xargs clang-format-14 --dry-run --Werror
+    say "includes"
+    tools/check-includes
     say "static analysis"
     # The compilation database names g++; clang-tidy reads it as it stands.
     git ls-files 'src/*.cpp' 'platform/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/release
