@@ -300,8 +300,8 @@ void amCleanAllEnfFlowDb6() {
 }
 
 void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
-    // What comes in meanwhile is passed over: new flows may come as fast as old ones are visited, and the walk
-    // would have no end.
+    // What comes in meanwhile is passed over: new flows may come as fast as old ones are visited, and the
+    // walk would have no end.
     const time_t begin = time(nullptr);
     RbtNode *node = nullptr;
     for (bool first = true;; first = false) {
