@@ -311,7 +311,9 @@ void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
         if (node) copy = *asFlow<AmEnfFlow4>(node);
         amEnfFlowLock.unlock();
         if (!node) return;
-        if (copy.startTime <= begin) visit(copy);
+        // A record from after now is an old one: the clock has been set back since.
+        const bool younger = copy.startTime > begin && copy.startTime <= time(nullptr);
+        if (!younger) visit(copy);
     }
 }
 

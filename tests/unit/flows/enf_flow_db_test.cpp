@@ -178,6 +178,7 @@ TEST_F(EnfFlowDb, VisitsInKeyOrderWithoutTheLock) {
     classify("10.0.0.9", 1, "10.0.0.2", 80, 3);
     classify("9.255.0.1", 1, "10.0.0.2", 80, 1);
     classify("10.0.0.1", 1, "10.0.0.2", 80, 2);
+    find(key("10.0.0.9", 1, "10.0.0.2", 80))->startTime += 3600;  // the clock has been set back since
     visited.clear();
     forEachEnfFlow4([](const AmEnfFlow4 &flow) {
         visited.push_back(flow.appId);
