@@ -25,6 +25,7 @@ def placed(path):
 
 BUILD = placed(os.environ.get("KORVID_BUILD", TREE / "build/release"))
 DAEMON = placed(os.environ.get("KORVID_DAEMON", BUILD / "src/korvid"))
+ROUTER_DAEMON = BUILD / "src/korvid-netfilter"
 # What runs programs of a build for another processor, which finds that one's libraries below QEMU_LD_PREFIX.
 EMULATOR = os.environ.get("KORVID_EMULATOR", "").split()
 ENGINES = BUILD / "platform/engine"
@@ -179,9 +180,11 @@ class Module(Process):
 
 
 class World:
-    """Everything around one daemon; use as a context manager."""
+    """Everything around one daemon; use as a context manager.  A router's has no kernel module: its daemon speaks with the
+    kernel of this network."""
 
-    def __init__(self):
+    def __init__(self, router=False):
+        self.router = router
         self.bus = self.module = self.daemon = None
 
     def __enter__(self):
@@ -219,7 +222,7 @@ class World:
 
     def start_daemon(self, *options, wait=True, clock=False, preload=(), env=None, wrapper=()):
         """Starts korvid.  With clock, its time can be moved with advance()."""
-        libraries = [*map(str, preload), str(BUILD / "platform/kernel/libnetlink26.so")]
+        libraries = [*map(str, preload), *([] if self.router else [str(BUILD / "platform/kernel/libnetlink26.so")])]
         # With its clock moved, a sanitized daemon must not ask for the time from within free(): libfaketime holds its
         # lock there.
         environment = {"KORVID_DPIMOD_SOCKET": MODULE_SOCKET,
@@ -235,7 +238,7 @@ class World:
             # The event loop's clock as well: which one a preload moves by itself depends on the processor.
             environment |= {"FAKETIME_TIMESTAMP_FILE": str(CLOCK), "FAKETIME_NO_CACHE": "1",
                             "FAKETIME_DONT_FAKE_MONOTONIC": "0"}
-        command = [*EMULATOR, DAEMON, *(options or ("-s", BUS_SOCKET))]
+        command = [*EMULATOR, ROUTER_DAEMON if self.router else DAEMON, "-s", BUS_SOCKET, *options]
         # Only the daemon is preloaded, not a program that wraps it.
         self.daemon = Process("korvid", [*wrapper, "/usr/bin/env", "LD_PRELOAD=" + ":".join(libraries), *command],
                               env=environment)
@@ -247,7 +250,8 @@ class World:
 
     def start(self, *module_options, **daemon_options):
         self.start_bus()
-        self.start_module(*module_options)
+        if not self.router:
+            self.start_module(*module_options)
         self.start_daemon(**daemon_options)
         return self
 

@@ -34,8 +34,12 @@ namespace {
 // skipped; -c is accepted for the sake of existing start scripts.
 const char *busPath(int argc, char *const *argv) {
     const char *path = nullptr;
-    for (int option; (option = getopt(argc, argv, "cs:")) != -1;)
-        if (option == 's') path = optarg;
+    for (int option; (option = getopt(argc, argv, am::commandLineOptions)) != -1;) {
+        if (option == 's')
+            path = optarg;
+        else
+            am::takeOption(option, optarg);
+    }
     return path;
 }
 

@@ -36,6 +36,7 @@ AmAppNode *appOfMember(const GrpElement &member) {
 }
 
 void freeMember(AmAppGrp *group, GrpElement *member) {
+    amModelChanges++;
     rbtRemove(&group->members, &member->node);
     delete member;
 }
@@ -56,6 +57,7 @@ void forEachElement(const RbtTree *tree, Visit visit) {
 
 // Of an application that came on them through a group.
 void takeOffBothLists(uint16_t appId) EXCLUDES(amModelLock) {
+    amModelChanges++;
     const AmGuard guard(amModelLock);
     AmActiveApp *app = amActiveApp(appId);
     if (!app || app->isPartOfGroup != 1) return;
@@ -88,6 +90,7 @@ const ListMarks *listOfType(uint32_t listType) {
 
 // Without a list only the group is noted.  False when the application has no entry.
 bool putOnList(uint16_t appId, const char *grpName, const ListMarks *list) EXCLUDES(amModelLock) {
+    amModelChanges++;
     const AmGuard guard(amModelLock);
     AmActiveApp *entry = amActiveApp(appId);
     if (!entry) return false;
@@ -100,6 +103,7 @@ bool putOnList(uint16_t appId, const char *grpName, const ListMarks *list) EXCLU
 }
 
 void clearList(const ListMarks &list) EXCLUDES(amModelLock) {
+    amModelChanges++;
     const AmGuard guard(amModelLock);
     for (uint32_t id = 0; AmActiveApp *app = amActiveApp(id); id++) {
         if (id % kEntriesATurn == kEntriesATurn - 1) amModelLock.letReadersIn();
@@ -202,6 +206,7 @@ int amAddAppToGrp(const char *grpName, const char *appName) {
     }
     am::copyField(member->name, appName);
     rbtInsert(&group->members, &member->node);
+    amModelChanges++;
     return 1;
 }
 

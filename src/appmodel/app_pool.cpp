@@ -9,6 +9,7 @@
 #include "core/text.h"
 
 constinit AmSharedMutex amModelLock;
+constinit uint32_t amModelChanges = 0;
 constinit RbtTree amAppPoolTree{};
 constinit int32_t amAppPoolShmSigCnt = 0;
 constinit AmActiveApp *amActData = nullptr;
@@ -27,6 +28,7 @@ AmAppNode *appOf(RbtNode *node) {
 // Swaps the array for `entries`, which may be null, and hands back the one that was there, for the caller to
 // free outside the lock.
 AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock) {
+    amModelChanges++;
     const AmGuard guard(amModelLock);
     amMaxAppIdCount = count;
     return std::exchange(amActData, entries);
@@ -116,6 +118,7 @@ void amUpdateActiveAppListArray() {
 }
 
 void amCleanAppList() {
+    amModelChanges++;
     amModelLock.lock();
     AmActiveApp *entries = std::exchange(amActData, nullptr);
     amModelLock.unlock();

@@ -36,6 +36,10 @@ static_assert(offsetof(AmAppNode, node) == 0 && offsetof(AmAppNode, name) == siz
 
 extern AmSharedMutex amModelLock;
 
+// Counts the changes of what is on a list or in a group, or which application a number means.  Event-loop
+// thread.
+extern uint32_t amModelChanges;
+
 // Of a change that passes through the array a verdict waits for this many entries at most, some microseconds;
 // if verdicts were let in after each entry, the change would wait for as many rounds of them.
 inline constexpr uint32_t kEntriesATurn = 256;

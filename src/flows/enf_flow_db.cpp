@@ -251,6 +251,25 @@ void sweep(Sweep which) EXCLUDES(amEnfFlowLock) {
     }
 }
 
+template <class Ip>
+void forEach(void (*visit)(const typename Ip::Flow &flow)) EXCLUDES(amEnfFlowLock) {
+    // What comes in meanwhile is passed over: new flows may come as fast as old ones are visited, and the
+    // walk would have no end.
+    const time_t begin = time(nullptr);
+    RbtNode *node = nullptr;
+    for (bool first = true;; first = false) {
+        typename Ip::Flow copy;
+        lockBehindOthers();
+        node = first ? rbtFirst(&Ip::tree()) : rbtNext(&Ip::tree(), node);
+        if (node) copy = *asFlow<typename Ip::Flow>(node);
+        amEnfFlowLock.unlock();
+        if (!node) return;
+        // A record from after now is an old one: the clock has been set back since.
+        const bool younger = copy.startTime > begin && copy.startTime <= time(nullptr);
+        if (!younger) visit(copy);
+    }
+}
+
 }  // namespace
 
 int amEnf_key4_compare(const RbtNode *a, const RbtNode *b) {
@@ -300,21 +319,11 @@ void amCleanAllEnfFlowDb6() {
 }
 
 void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
-    // What comes in meanwhile is passed over: new flows may come as fast as old ones are visited, and the
-    // walk would have no end.
-    const time_t begin = time(nullptr);
-    RbtNode *node = nullptr;
-    for (bool first = true;; first = false) {
-        AmEnfFlow4 copy;
-        lockBehindOthers();
-        node = first ? rbtFirst(&amEnfFlowDb) : rbtNext(&amEnfFlowDb, node);
-        if (node) copy = *asFlow<AmEnfFlow4>(node);
-        amEnfFlowLock.unlock();
-        if (!node) return;
-        // A record from after now is an old one: the clock has been set back since.
-        const bool younger = copy.startTime > begin && copy.startTime <= time(nullptr);
-        if (!younger) visit(copy);
-    }
+    forEach<V4>(visit);
+}
+
+void forEachEnfFlow6(void (*visit)(const AmEnfFlow6 &flow)) {
+    forEach<V6>(visit);
 }
 
 void amStartEnfFlowDbTimer() {

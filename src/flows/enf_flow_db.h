@@ -87,9 +87,10 @@ void amCleanAgedEnfFlowDb6() EXCLUDES(amEnfFlowLock);
 void amCleanAllEnfFlowDb() EXCLUDES(amEnfFlowLock);
 void amCleanAllEnfFlowDb6() EXCLUDES(amEnfFlowLock);
 
-// Calls `visit` with a copy of every IPv4 record in tree order, outside the lock; records younger than the
-// walk are left out.  Event-loop thread.
+// Call `visit` with a copy of every record in tree order, outside the lock; records younger than the walk are
+// left out.  Event-loop thread.
 void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) EXCLUDES(amEnfFlowLock);
+void forEachEnfFlow6(void (*visit)(const AmEnfFlow6 &flow)) EXCLUDES(amEnfFlowLock);
 
 // The aging timer, every 5 minutes for the life of the process.
 void amStartEnfFlowDbTimer();

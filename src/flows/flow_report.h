@@ -19,4 +19,7 @@ struct FlowReport {
 void reportFlow4(const FlowReport<AmEnfKey4> &report) EXCLUDES(amEnfFlowLock);
 void reportFlow6(const FlowReport<AmEnfKey6> &report) EXCLUDES(amEnfFlowLock);
 
+// Writes what has been reported to the record file, as far as that is possible.  Event-loop thread.
+void flushReports();
+
 }  // namespace am

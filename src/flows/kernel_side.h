@@ -1,12 +1,14 @@
 // The daemon's side towards the kernel: where packets come from, verdicts go to and flows' counters
-// come from.  An executable is linked with one implementation (src/switch).
+// come from.  An executable is linked with one implementation: src/switch for korvid, src/netfilter for
+// korvid-netfilter.
 //
 //   closed --amCreateNetLinkSockets--> open, mirroring or not --amCloseNetLinkSockets--> closed
 //                                       |--withdrawFromKernel--> silent, the process ends at once
 //                                       '--abandonKernelSide--> the process ends at once
 //
 // What it tells the daemon: packets by am::handPacket (flows/capture.h), counters by am::reportFlow4 and 6
-// (flows/flow_report.h).
+// (flows/flow_report.h).  What it is told besides: that a kit gives numbers other meanings
+// (kit/renumbering.h).
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -28,6 +30,11 @@ void amCreateNetLinkSockets();
 void amCloseNetLinkSockets() EXCLUDES(amModelLock);
 
 namespace am {
+
+// Options of the command line, for getopt(3): the daemon's own, then this side's, which are taken one by one
+// before anything else is called.  A value that makes no sense ends the process with status 1 and says so.
+extern const char *const commandLineOptions;
+void takeOption(int option, const char *value);
 
 // Has the kernel mirror packets, or stop.  Nothing once the kernel side was withdrawn.  Event-loop thread; no
 // verdict is in progress that saw another state.

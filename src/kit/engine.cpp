@@ -42,11 +42,9 @@ void waitForWish() REQUIRES(amEngineGate) {
 
 // Once it returns no call of the old entry is in progress, and none can start.
 void publishEntry(PcapPacketFn entry) EXCLUDES(amEngineGate) {
-    amEngineGateWanted.store(true, std::memory_order_relaxed);
-    const AmGuard guard(amEngineGate);
+    amEngineSeize();
     process_pktptr = entry;
-    amEngineGateWanted.store(false, std::memory_order_relaxed);
-    pthread_cond_broadcast(&wishServed);
+    amEngineRelease();
 }
 
 // Starts the opened engine and lets the capture thread in.  No lock is held while engine code runs here: an
@@ -82,6 +80,17 @@ void amEngineLeave() {
 
 void amEngineStepAside() {
     waitForWish();
+}
+
+void amEngineSeize() {
+    amEngineGateWanted.store(true, std::memory_order_relaxed);
+    amEngineGate.lock();
+}
+
+void amEngineRelease() {
+    amEngineGateWanted.store(false, std::memory_order_relaxed);
+    pthread_cond_broadcast(&wishServed);
+    amEngineGate.unlock();
 }
 
 // The event-loop thread alone writes the entry, so it may read it without the gate.

@@ -56,6 +56,10 @@ inline void amEngineYield() REQUIRES(amEngineGate) {
         amEngineStepAside();
 }
 
+// Event-loop thread: takes the gate as soon as the capture thread is between two packets, however many come.
+void amEngineSeize() ACQUIRE(amEngineGate);
+void amEngineRelease() RELEASE(amEngineGate);
+
 // For the event-loop thread, which alone loads and unloads: whether an engine is loaded.
 bool amEngineLoaded();
 

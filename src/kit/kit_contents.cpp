@@ -13,6 +13,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "kit/kit_folders.h"
+#include "kit/renumbering.h"
 
 constinit int32_t qel_kit_compatability_version = 1;
 constinit char amKitVersion[50] = {};
@@ -83,6 +84,10 @@ void amParseAppPoolCsvLine(char *line) {
                 amLog(AM_LOG_NOTICE, "App name %s is too long, so truncating\n", token);
             am::copyText(record.name, token);
         }
+    }
+    if (!am::applicationsKeepNumbers) {
+        AmAppNode *const known = amIsAppNameValid(record.name);
+        if (known && known->state == AM_APP_OBSOLETE) known->appId = record.appId;
     }
     (void)amUpdateAppPool(&record);
 }

@@ -16,6 +16,7 @@
 #include "kit/kit_contents.h"
 #include "kit/kit_folders.h"
 #include "kit/md5.h"
+#include "kit/renumbering.h"
 #include "kit/shell.h"
 
 constinit uint8_t CurMd5Sum[16] = {};
@@ -206,7 +207,9 @@ void amUpdateKit() {
         return;
     }
     amCleanAppPool();
+    am::beforeRenumbering();
     amCleanAppData();
+    am::whileRenumbering();
     dpiQsKitUpdate();
     amCleanUpdateKit();
     amLog(AM_LOG_DEBUG, "Kit update complete Spawning Thread\n");

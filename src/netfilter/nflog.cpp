@@ -38,6 +38,13 @@ nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t f
     return request;
 }
 
+nlmsghdr *buildNflogUnbind(void *buffer, uint16_t group) {
+    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, group);
+    const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_UNBIND};
+    mnl_attr_put(request, NFULA_CFG_CMD, sizeof command, &command);
+    return request;
+}
+
 NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, int &error) {
     for (const NflogBound wanted : {NflogBound::withConnections, NflogBound::plain}) {
         alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
@@ -57,10 +64,7 @@ NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, in
 int unbindNflog(const mnl_socket *socket, uint16_t group) {
     for (;;) {
         alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
-        nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, group);
-        const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_UNBIND};
-        mnl_attr_put(request, NFULA_CFG_CMD, sizeof command, &command);
-        const int error = sendRequest(socket, request);
+        const int error = sendRequest(socket, buildNflogUnbind(buffer, group));
         // Packets had filled the socket; it is empty now.
         if (error == -ENOBUFS) continue;
         return error == -ENODEV ? 0 : error;

@@ -29,9 +29,10 @@ NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, in
 // Lets go of the group; packets that wait on the socket may be thrown away.  0, or a negative error number.
 int unbindNflog(const mnl_socket *socket, uint16_t group);
 
-// The request of a binding, in a zero-filled buffer of kNflogRequestSize bytes.
+// The requests, in a zero-filled buffer of kNflogRequestSize bytes.
 inline constexpr size_t kNflogRequestSize = 128;
 nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags);
+nlmsghdr *buildNflogUnbind(void *buffer, uint16_t group);
 
 struct NflogPacket {
     std::span<const uint8_t> packet;  // from its IP header on, cut to the snap length; within the message

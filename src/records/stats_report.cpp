@@ -133,4 +133,8 @@ void reportFlow6(const FlowReport<AmEnfKey6> &report) {
     recordReport<V6>(report);
 }
 
+void flushReports() {
+    if (ft4CommonIndex != 0 || ft6CommonIndex != 0) (void)amWriteEnfFlowRecordToFile();
+}
+
 }  // namespace am

@@ -13,6 +13,7 @@
 #include "flows/interrupt.h"
 #include "flows/kernel_side.h"
 #include "flows/mirroring.h"
+#include "kit/renumbering.h"
 #include "switch/protocol.h"
 #include "switch/reception.h"
 #include "switch/reports.h"
@@ -127,6 +128,10 @@ void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events) {
 
 namespace am {
 
+constinit const char *const commandLineOptions = "cs:";
+
+void takeOption(int, const char *) {}
+
 // Nothing is sent once an interrupt has told the kernel to stop: that has to be its last word.
 void setMirroring(bool on) {
     const AmGuard guard(closeLock);
@@ -144,6 +149,13 @@ void withdrawFromKernel() {
     endCaptureAtInterrupt();
     abandonKernelSide();
 }
+
+// The kernel's module is told numbers with every verdict, and keeps to those.
+constinit const bool applicationsKeepNumbers = true;
+
+void beforeRenumbering() {}
+
+void whileRenumbering() {}
 
 void abandonKernelSide() {
     for (const mnl_socket *socket : {packet_nls, control_nls})
