@@ -61,6 +61,12 @@ void withdrawFromKernel();
 // Closes the descriptors below threads that still use the handles: for a process that ends at once.
 void abandonKernelSide();
 
+// For a side whose policies are to outlast an exchange of kits, which empties groups and lists: remember
+// them, and put them back for the applications that are still known.  Defined by the configuration.
+// Event-loop thread.
+void keepLists();
+void restoreLists();
+
 }  // namespace am
 
 // Tells the kernel what a flow is and, with a match, records the flow, whether or not the kernel took it.

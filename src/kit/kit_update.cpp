@@ -211,6 +211,7 @@ void amUpdateKit() {
     amCleanAppData();
     am::whileRenumbering();
     dpiQsKitUpdate();
+    am::afterRenumbering();
     amCleanUpdateKit();
     amLog(AM_LOG_DEBUG, "Kit update complete Spawning Thread\n");
 }

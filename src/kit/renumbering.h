@@ -11,6 +11,9 @@ void beforeRenumbering();
 // The array is gone, so that no verdict comes to be until the new one is there.
 void whileRenumbering();
 
+// The new kit's array is there, on no list, and its engine runs, if it has one that can.
+void afterRenumbering();
+
 // Whether an application that two kits name keeps the number that the first of them gave it, whatever the
 // second says.
 extern const bool applicationsKeepNumbers;

@@ -48,7 +48,7 @@ uloop_fd endsFd{.cb = onEnds, .fd = -1, .eof = false, .error = false, .registere
 uloop_timeout period{.list = {}, .pending = false, .cb = onPeriod, .time = {}};
 alignas(nlmsghdr) char buffer[kBuffer];
 
-// What a dump told of a flow.
+// What was reported of a flow that has not ended.
 template <class Key>
 struct Counted {
     Key key;
@@ -211,11 +211,12 @@ void takeDumped(const Connection &connection, Dumping &dumping) {
     typename Ip::Key key;
     bool aged = false;
     if (!findFlow<Ip>(connection, key, aged) && !adopt<Ip>(connection, key)) return;
+    if (dumping.purpose == Dump::adopt) return;
     const Counted<typename Ip::Key> now = countsOf<Ip>(connection, key);
     if (!Ip::current.add(now)) dumping.complete = false;
     const Counted<typename Ip::Key> *const before = Ip::last.find(key);
     const bool changed = !before || before->packets != now.packets || before->bytes != now.bytes;
-    if (dumping.purpose == Dump::report && changed && !aged) report<Ip>(now, false);
+    if (changed && !aged) report<Ip>(now, false);
 }
 
 void visitConnection(const nlmsghdr *message, void *context) {
@@ -286,13 +287,12 @@ void dump(Dump purpose) {
     if (error != 0)
         amLog(AM_LOG_ERROR, "%s:%d cannot read the kernel's connections: %s\n", "reportConnections", __LINE__,
               strerror(-error));
-    if (error != 0 || !dumping.complete) return;  // what is missing in it may be there
-    if (purpose == Dump::report) {
-        while (!readEnds(kReceivesAtOnce)) {
-        }  // what has ended since the dump tells so itself
-        forEachEnfFlow4(reportIfGone<V4>);
-        forEachEnfFlow6(reportIfGone<V6>);
-    }
+    if (error != 0 || !dumping.complete || purpose == Dump::adopt)
+        return;  // what is missing in it may be there
+    while (!readEnds(kReceivesAtOnce)) {
+    }  // what has ended since the dump tells so itself
+    forEachEnfFlow4(reportIfGone<V4>);
+    forEachEnfFlow6(reportIfGone<V6>);
     takeOver<V4>();
     takeOver<V6>();
 }

@@ -32,7 +32,7 @@ constexpr uint32_t kBatchHundredths = 1;
 constexpr uint32_t kSnapLength = 4072;  // engines look at the beginning of a packet
 constexpr size_t kReceive = 2 * size_t{kBatchBytes};
 constexpr int kSocketBuffer = 4 << 20;
-constexpr int kBindAgain = 5000;  // milliseconds
+constexpr int kBindAgain = 1000;  // milliseconds
 constexpr int64_t kTellPeriod = 10'000;
 
 mnl_socket *packets = nullptr;
@@ -130,9 +130,9 @@ void startMirror() {
     static int told = 0;
     if (error != 0) {
         if (error != told)
-            amLog(AM_LOG_ERROR, "%s:%d NFLOG group %u: %s; trying again every %d seconds\n", "setMirroring",
+            amLog(AM_LOG_ERROR, "%s:%d NFLOG group %u: %s; trying again every second\n", "setMirroring",
                   __LINE__, sideSettings.group,
-                  error == -EBUSY ? "another program listens to it" : strerror(-error), kBindAgain / 1000);
+                  error == -EBUSY ? "another program listens to it" : strerror(-error));
         (void)uloop_timeout_set(&bindTimer, kBindAgain);
     } else if (told != 0) {
         amLog(AM_LOG_ERROR, "%s:%d NFLOG group %u is free now\n", "setMirroring", __LINE__,

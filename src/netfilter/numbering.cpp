@@ -12,6 +12,7 @@
 #include "core/write_fully.h"
 #include "flows/enf_flow_db.h"
 #include "flows/flow_report.h"
+#include "flows/kernel_side.h"
 #include "kit/md5.h"
 #include "kit/renumbering.h"
 #include "netfilter/attributes.h"
@@ -146,6 +147,7 @@ void retryForgetting() {
 constinit const bool applicationsKeepNumbers = false;
 
 void beforeRenumbering() {
+    keepLists();
     next = numberingOfPool();
     if (isSame(next, marked)) return;
     reportConnections();  // their last line under their names
@@ -164,6 +166,11 @@ void whileRenumbering() {
     amCleanAllEnfFlowDb();
     amCleanAllEnfFlowDb6();
     forget();
+}
+
+// Rules by name are to hold on, so the lists do, as far as the new kit knows their applications.
+void afterRenumbering() {
+    restoreLists();
 }
 
 }  // namespace am

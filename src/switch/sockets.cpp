@@ -157,6 +157,8 @@ void beforeRenumbering() {}
 
 void whileRenumbering() {}
 
+void afterRenumbering() {}
+
 void abandonKernelSide() {
     for (const mnl_socket *socket : {packet_nls, control_nls})
         if (socket) (void)close(mnl_socket_get_fd(socket));

@@ -1,15 +1,20 @@
 """korvid-netfilter on the kernel at hand: real clients and servers, the ndpi kit, rules by name."""
 import contextlib
+import pathlib
+import re
 import signal
 import subprocess
+import tarfile
+import time
 import unittest
 
 import lab
 import world
 from world import World, text_of, wait_until
 
+RECORDS = "/flash/appmon_enforcement_flow_records.csv"
 OTHERS = 0x5a000000  # bits of the mark that somebody else uses
-MIRROR = """table inet korvid {
+RULES = """table inet korvid {
     set app_HTTP { type mark; }
     set app_SSH { type mark; }
     set group_web { type mark; }
@@ -22,25 +27,37 @@ MIRROR = """table inet korvid {
         ct mark & 0x20000 == 0 ct packets < 33 counter name mirrored log group 26 snaplen 4072
     }
     chain verdicts { type filter hook forward priority 10
-        ct mark & 0x3ffff @group_web counter name blocked drop
+        ct mark & 0x3ffff @group_web counter name blocked BLOCK
     }
 }
 """
+
+# target, first source port, flows, flows a second, bytes of payload (a question for a name without), packets of each flow
+FLOOD = """import socket, sys, time
+target, (first, flows, rate, size, packets) = sys.argv[1], [*map(int, sys.argv[2:]), 0, 1][:5]
+question = bytes(size) or bytes.fromhex("000101000001000000000000037777770765786d706c6503636f6d0000010001")
+begin = time.monotonic()
+for flow in range(flows):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        sender.bind(("", first + flow))
+        for packet in range(packets):
+            sender.sendto(question, (target, 9 if size else 53))
+    time.sleep(max(0, begin + flow / rate - time.monotonic()))"""
 
 
 class Router:
     """The laboratory with the daemon in its router."""
 
-    def __init__(self, *services, nat="none", mirror=MIRROR, **daemon):
+    def __init__(self, *services, nat="none", block="drop", daemon=None):
         self.lab, self.world = lab.Lab(nat=nat), World(router=True)
-        self.services, self.mirror, self.daemon = services, mirror, daemon
+        self.services, self.rules, self.daemon = services, RULES.replace("BLOCK", block), daemon or {}
 
     def __enter__(self):
         with contextlib.ExitStack() as stack:
             stack.enter_context(self.lab)
             stack.enter_context(self.world)
             self.lab.serve(*self.services)
-            self.lab.rules(self.mirror)
+            self.lab.rules(self.rules)
             self.world.start(**self.daemon)
             self.world.install_kit(ndpi=True)
             self.world.enable()
@@ -64,15 +81,212 @@ class Router:
         return sorted(int(line.split(" mark=")[1].split()[0]) for line in self.lab.connections())
 
 
+    def log(self, pattern, timeout=None):
+        """The groups of a line that the daemon has written, or writes soon."""
+        return wait_until(lambda: re.search(pattern, text_of(world.LOG)), f"a line of log: {pattern}", timeout)
+
+    def records(self):
+        """Lines of the record file, by column: the daemon's clock passes a report and the writing of the file."""
+        self.world.advance(901)
+        self.world.advance(901)
+        lines = text_of(RECORDS).splitlines()
+        return [dict(zip(lines[0].split(","), line.split(","))) for line in lines[1:]]
+
+    def large_transfer(self, version=4):
+        """A client in the midst of a transfer that does not end by itself."""
+        self.lab.file("large", 8 << 30)
+        return self.lab.client.start("curl", "-s", "--limit-rate", "1M", "-o", "/dev/null",
+                                     self.lab.url("http", version, "large"))
+
+    def conversation(self):
+        """A call that has one HTTP connection ask for a page once more."""
+        client = self.lab.client.start("python3", "-uc", f"""
+import http.client, sys
+connection = http.client.HTTPConnection("{self.lab.target(4)}")
+for line in sys.stdin:
+    connection.request("GET", "/")
+    print(len(connection.getresponse().read()))""", stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+        def ask():
+            client.stdin.write("\n")
+            client.stdin.flush()
+            return client.stdout.readline()
+        return ask
+
+
+def kit_numbers():
+    """The kit's applications by name."""
+    with tarfile.open(world.KIT) as kit:
+        lines = kit.extractfile("AppMon_Signature_Index.csv").read().decode().splitlines()[1:]
+    return {line.split(",")[1]: int(line.split(",")[0]) for line in lines}
+
+
+def totals(line):
+    """Packets and bytes of both directions of a line of conntrack(8)."""
+    return tuple(sum(map(int, re.findall(rf"{name}=(\d+)", line))) for name in ("packets", "bytes"))
+
+
 class Daemon(unittest.TestCase):
     def test_a_transfer_stalls_where_its_group_is_blocked(self):
-        with Router("http") as router:
-            router.lab.file("large", 8 << 30)
+        for nat in lab.TRANSLATIONS:
+            with self.subTest(nat=nat), Router("http", nat=nat) as router:
+                router.enforce(web=["HTTP"])
+                wait_until(lambda: router.elements("group_web"), "the group's marks")
+                for version in (4, 6):
+                    before = router.lab.counted("blocked")
+                    router.large_transfer(version)
+                    wait_until(lambda: router.lab.counted("blocked") > before, "a blocked packet")
+
+    def test_every_protocol_is_marked_in_every_translation(self):
+        for nat in lab.TRANSLATIONS:
+            with self.subTest(nat=nat), Router("tls", "dns", nat=nat) as router:
+                router.enforce(web=["DNS"])
+                for version in (4, 6):
+                    router.lab.client.run("curl", "-sko", "/dev/null", router.lab.url("tls", version))
+                    router.lab.client.run("dig", f"@{router.lab.target(version)}", "www.example.com")
+                    router.lab.client.run("ping", "-c", "3", "-i", "0.1", router.lab.target(version))
+                wait_until(lambda: len(router.lab.connections("--mark", "0x20000/0x20000")) == 6, "six marks")
+                self.assertEqual([mark & 0xffff0000 for mark in router.marks()], 4 * [OTHERS | 0x20000] + 2 * [OTHERS | 0x30000])
+
+    def test_records_hold_what_the_kernel_counted(self):
+        with Router("http", "dns", block="", daemon={"clock": True}) as router:
+            router.enforce(web=["HTTP", "DNS"])
+            ask = router.conversation()
+            ask()
+            for version in (4, 6):
+                router.lab.client.run("dig", f"@{router.lab.target(version)}", "www.example.com")
+            wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == 3, "marks")
+            ended = [totals(line) for line in router.lab.connections("-p", "udp")]
+            router.lab.end_connections("-p", "udp")
+
+            def both():
+                return [record for record in router.records() if record["Application"] == "DNS"]
+            records = wait_until(lambda: (both() if len(both()) == 2 else None), "two records")
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records], ended)
+            self.assertTrue(all(r["End"] != "-" and r["Application-Group"] == "web" for r in records))
+
+            def running():
+                return [record for record in router.records() if record["Application"] == "HTTP"]
+            for count in (1, 2):
+                self.assertEqual(len(running()), count)
+                self.assertEqual(len(running()), count, "a flow that stands still is reported again")
+                ask()
+            running()
+            lines = running()
+            self.assertEqual(len({record["byteCount"] for record in lines}), 3)
+            self.assertEqual({record["End"] for record in lines}, {"-"})
+            # An end that nobody tells: the next dump finds out.
+            pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_events").write_text("0")
+            last = totals(router.lab.connections("-p", "tcp")[0])
+            router.lab.end_connections()
+            ends = [record for record in router.records() if record["Application"] == "HTTP" and record["End"] != "-"]
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in ends], [last])
+
+    def test_a_daemon_that_is_killed_goes_on_where_it_stopped(self):
+        with Router("http", daemon={"clock": True}) as router:
             router.enforce(web=["HTTP"])
-            wait_until(lambda: router.elements("group_web"), "the group's marks")
-            client = router.lab.client.start("curl", "-s", "-o", "/dev/null", router.lab.url("http", 4, "large"))
+            router.world.call("SETappMonActivateAppList")
+            router.large_transfer()
             wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
-            client.send_signal(signal.SIGKILL)
+            before, mirrored = router.marks(), router.lab.counted("mirrored")
+            start = router.records()
+            for number in (signal.SIGKILL, signal.SIGTERM, signal.SIGINT):
+                router.world.daemon.stop(number)
+                router.world.start_daemon(clock=True)
+                self.assertEqual(router.marks(), before)
+                self.assertEqual(len(router.elements("group_web")), 1)
+                blocked = router.lab.counted("blocked")
+                wait_until(lambda: router.lab.counted("blocked") > blocked, "a packet of the connection")
+            self.assertEqual(router.lab.counted("mirrored"), mirrored)  # nothing classified anew
+            last = totals(router.lab.connections("-p", "tcp")[0])
+            router.lab.end_connections()
+            records = router.records()
+            self.assertEqual({record["Start"] for record in start + records}, {records[0]["Start"]})
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records if r["End"] != "-"], [last])
+
+    def test_sets_follow_kit_lists_and_firewall(self):
+        with Router("http") as router:
+            def marks_are(**sets):
+                wanted = {name: [f"0x{0x30000 | number:08x}" for number in numbers] for name, numbers in sets.items()}
+                def there():
+                    return {name: [text.strip(",") for text in router.elements(name)] for name in sets} == wanted
+                wait_until(there, f"{wanted}, not {[router.elements(name) for name in sets]}")
+
+            numbers = kit_numbers()
+            http, ssh, dns = (numbers[name] for name in ("HTTP", "SSH", "DNS"))
+            marks_are(app_HTTP=[], app_SSH=[], group_web=[])
+            router.enforce(web=["HTTP"])
+            marks_are(app_HTTP=[http], app_SSH=[], group_web=[http])
+            router.world.call("SETavAppGroup", {"appGroup": {"web": [{"appName": "DNS"}]}})
+            router.world.call("SETavDpiAppList", {"appGroup": ["web"], "appList": [{"appName": "SSH"}]})
+            marks_are(app_SSH=[ssh], group_web=sorted([dns, http]))
+            router.world.call("SETavDpiAppList", {"appList": [{"appName": "SSH"}]})
+            marks_are(app_HTTP=[], app_SSH=[ssh], group_web=[])
+            router.world.disable()
+            marks_are(app_SSH=[])
+            router.world.enable()
+            router.lab.rules("flush ruleset\n" + router.rules)  # as a firewall is reloaded
+            marks_are(app_SSH=[ssh])
+            # A kit that numbers differently: what is marked is forgotten, and the names stand for the new numbers.
+            router.world.call("SETavDpiAppList", {"appGroup": ["web"]})
+            transfer = router.large_transfer()
+            wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
+            pathlib.Path("/flash/engine.rules").write_text("default none\n")
+            router.world.install_kit(apps={number + 1000: name for name, number in numbers.items()})
+            marks_are(app_HTTP=[http + 1000], group_web=sorted([dns + 1000, http + 1000]))
+            self.assertEqual(router.marks(), [OTHERS])
+
+    def test_five_thousand_flows_a_second_are_all_marked(self):
+        with Router("dns") as router:
+            router.enforce(web=["DNS"])
+            flows = 5000
+            router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, flows, flows)
+            marked = wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == flows, "every mark")
+            self.assertTrue(marked)
+            self.assertNotIn("lost", text_of(world.LOG))
+
+    def test_what_the_socket_has_no_room_for_is_counted(self):
+        with Router("dns") as router:
+            router.world.daemon.send(signal.SIGSTOP)
+            router.lab.client.run("python3", "-c", FLOOD, lab.SERVER[4], 20000, 4000, 1 << 20, 1300, 3)
+            router.world.daemon.send(signal.SIGCONT)
+
+            def told():  # the first packet that gets through shows the gap
+                router.lab.client.run("dig", f"@{router.lab.target(4)}", "www.example.com")
+                return re.search(r"(\d+) mirrored packets lost, (\d+) since the start", text_of(world.LOG))
+            lost = int(wait_until(told, "a line about losses")[2])
+            router.world.settle()
+            router.lab.rules("flush chain inet korvid mirror")
+            time.sleep(0.1)  # the kernel's last batch
+            router.world.daemon.stop(signal.SIGINT)
+            read = int(router.log(r"recv packet count: (\d+)")[1])
+            self.assertEqual(read + lost, router.lab.counted("mirrored"))
+
+    def test_a_group_that_is_taken_is_waited_for(self):
+        with Router("http") as router:
+            second = World(router=True)
+            second.start_daemon("-g", "26", wait=False)
+            router.log("NFLOG group 26: another program listens to it; trying again every second")
+            router.world.daemon.stop()
+            router.log("NFLOG group 26 is free now")
+            self.assertEqual(second.daemon.stop(), 0)
+
+    def test_where_nothing_can_work_the_start_fails_and_says_why(self):
+        with Router() as router:
+            router.world.daemon.stop()
+            for options, wrapper, line in (
+                    (("-g", "65536"), (), "65536: no NFLOG group: it is a number from 0 to 65535"),
+                    (("-m", "0x5"), (), "0x5: no mask: it is a run of at least three bits"),
+                    ((), ("setpriv", "--bounding-set", "-net_admin", "--inh-caps", "-all"),
+                     "connections cannot be marked: the right to administer the network (CAP_NET_ADMIN) is missing")):
+                with self.subTest(line):
+                    daemon = router.world.start_daemon(*options, wait=False, wrapper=wrapper)
+                    self.assertEqual(daemon.wait(), 1)
+                    self.assertIn(f"korvid-netfilter: {line}", daemon.stderr)
+                    self.assertIn(line, text_of(world.LOG))
+            pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_acct").write_text("0")
+            router.world.start_daemon()
+            router.log("net.netfilter.nf_conntrack_acct is 0 and should be 1: records will have no counters")
 
 
 if __name__ == "__main__":
