@@ -11,6 +11,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import tarfile
 import time
 
 # Where tools/sandbox shows the checkout, whatever its own path is.
@@ -95,6 +96,13 @@ def make_kit(output=KIT, engine="scripted", apps=None, ndpi=False, **options):
         for item in value if isinstance(value, (list, tuple)) else [value]:
             command += [f"--{name}", str(item)]
     subprocess.run(command, check=True, capture_output=True, text=True)
+
+
+def kit_numbers(kit=KIT):
+    """The kit's applications: name and number."""
+    with tarfile.open(kit) as archive:
+        lines = archive.extractfile("AppMon_Signature_Index.csv").read().decode().splitlines()[1:]
+    return {line.split(",")[1]: int(line.split(",")[0]) for line in lines}
 
 
 class Process:

@@ -1,9 +1,6 @@
 """Captures through the daemon of a world.World that has the libndpi engine, with every application under enforcement."""
-import csv
-import io
 import pathlib
 import struct
-import tarfile
 
 import world
 
@@ -15,9 +12,7 @@ LATER = pathlib.Path("/tmp/later.pcap")
 
 def applications(kit=world.KIT):
     """The names in a kit's index."""
-    with tarfile.open(kit) as archive:
-        index = archive.extractfile("AppMon_Signature_Index.csv").read().decode()
-    return [row["name"] for row in csv.DictReader(io.StringIO(index))]
+    return list(world.kit_numbers(kit))
 
 
 def enforcing(names):

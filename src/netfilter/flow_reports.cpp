@@ -291,8 +291,8 @@ void dump(Dump purpose) {
         return;  // what is missing in it may be there
     while (!readEnds(kReceivesAtOnce)) {
     }  // what has ended since the dump tells so itself
-    forEachEnfFlow4(reportIfGone<V4>);
-    forEachEnfFlow6(reportIfGone<V6>);
+    V4::forEach(reportIfGone<V4>);
+    V6::forEach(reportIfGone<V6>);
     takeOver<V4>();
     takeOver<V6>();
 }

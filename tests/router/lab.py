@@ -46,6 +46,7 @@ NGINX = """daemon off; master_process off; user root; pid {work}/pid; error_log 
 http {{ access_log off; root {work}/www; client_body_temp_path {work}/b; proxy_temp_path {work}/p;
 fastcgi_temp_path {work}/f; uwsgi_temp_path {work}/u; scgi_temp_path {work}/s; default_type text/plain; sendfile on;
 server {{ listen {v4}:80; listen [{v6}]:80; listen {v4}:443 ssl http2; listen [{v6}]:443 ssl http2;
+location /limited/ {{ limit_rate 4m; }}
 ssl_certificate {work}/crt; ssl_certificate_key {work}/key; }} }}
 """
 SSHD = """ListenAddress {v4}\nListenAddress {v6}\nHostKey {work}/host_key\nAuthorizedKeysFile {work}/id.pub
@@ -204,7 +205,7 @@ class Lab:
                        for path in sorted(self.work.glob("*.log")))
 
     def file(self, name, size):
-        """A file of the web server, and its size."""
+        """A file of the web server, and its size; below limited/ it comes at 4 MB a second."""
         path = self.work / "www" / name
         path.parent.mkdir(exist_ok=True)
         with open(path, "wb") as file:

@@ -4,7 +4,6 @@ import pathlib
 import re
 import signal
 import subprocess
-import tarfile
 import time
 import unittest
 
@@ -35,7 +34,7 @@ RULES = """table inet korvid {
 # target, first source port, flows, flows a second, bytes of payload (a question for a name without), packets of each flow
 FLOOD = """import socket, sys, time
 target, (first, flows, rate, size, packets) = sys.argv[1], [*map(int, sys.argv[2:]), 0, 1][:5]
-question = bytes(size) or bytes.fromhex("000101000001000000000000037777770765786d706c6503636f6d0000010001")
+question = bytes(size) or bytes.fromhex("00010100000100000000000003777777076578616d706c6503636f6d0000010001")
 begin = time.monotonic()
 for flow in range(flows):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
@@ -112,13 +111,6 @@ for line in sys.stdin:
             client.stdin.flush()
             return client.stdout.readline()
         return ask
-
-
-def kit_numbers():
-    """The kit's applications by name."""
-    with tarfile.open(world.KIT) as kit:
-        lines = kit.extractfile("AppMon_Signature_Index.csv").read().decode().splitlines()[1:]
-    return {line.split(",")[1]: int(line.split(",")[0]) for line in lines}
 
 
 def totals(line):
@@ -212,7 +204,7 @@ class Daemon(unittest.TestCase):
                     return {name: [text.strip(",") for text in router.elements(name)] for name in sets} == wanted
                 wait_until(there, f"{wanted}, not {[router.elements(name) for name in sets]}")
 
-            numbers = kit_numbers()
+            numbers = world.kit_numbers()
             http, ssh, dns = (numbers[name] for name in ("HTTP", "SSH", "DNS"))
             marks_are(app_HTTP=[], app_SSH=[], group_web=[])
             router.enforce(web=["HTTP"])
