@@ -148,6 +148,7 @@ run_bench() {
     status=0
     tools/sandbox -- build/release/bench/korvid-bench || status=1
     tools/sandbox -- bench/process.py || status=1
+    tools/sandbox -- bench/router_cost.py || status=1
     return $status
 }
 

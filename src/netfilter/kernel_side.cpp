@@ -45,12 +45,7 @@ bool withdrawn GUARDED_BY(closeLock) = false;
 }
 
 void need(int error, const char *what) {
-    if (error == 0) return;
-    if (error == -EPERM) failWith(what, "the right to administer the network (CAP_NET_ADMIN) is missing");
-    if (error == -EINVAL || error == -EOPNOTSUPP || error == -EPROTONOSUPPORT)
-        failWith(what,
-                 "the kernel has no such part (modules nfnetlink, nf_conntrack_netlink, nfnetlink_log)");
-    failWith(what, strerror(-error));
+    if (error != 0) failWith(what, reasonOf(error));
 }
 
 // The whole text as a number within bounds.
@@ -91,6 +86,21 @@ void checkKernelSettings() {
 }
 
 }  // namespace
+
+const char *reasonOf(int error) {
+    switch (-error) {
+        case EPERM:
+            return "the right to administer the network (CAP_NET_ADMIN) is missing";
+        case EINVAL:
+        case EOPNOTSUPP:
+        case EPROTONOSUPPORT:
+            return "the kernel has no such part (modules nfnetlink, nf_conntrack_netlink, nfnetlink_log)";
+        case EBUSY:
+            return "another program listens to it";
+        default:
+            return strerror(-error);
+    }
+}
 
 int64_t steadyMs() {
     timespec now;

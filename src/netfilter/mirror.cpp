@@ -131,8 +131,7 @@ void startMirror() {
     if (error != 0) {
         if (error != told)
             amLog(AM_LOG_ERROR, "%s:%d NFLOG group %u: %s; trying again every second\n", "setMirroring",
-                  __LINE__, sideSettings.group,
-                  error == -EBUSY ? "another program listens to it" : strerror(-error));
+                  __LINE__, sideSettings.group, reasonOf(error));
         (void)uloop_timeout_set(&bindTimer, kBindAgain);
     } else if (told != 0) {
         amLog(AM_LOG_ERROR, "%s:%d NFLOG group %u is free now\n", "setMirroring", __LINE__,

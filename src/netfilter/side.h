@@ -39,6 +39,10 @@ inline void countUp(std::atomic<uint64_t> &counter, uint64_t by = 1) {
     counter.fetch_add(by, std::memory_order_relaxed);
 }
 
+// Why the kernel refuses a socket or a binding, by its negative error number, in words for an administrator.
+// The text lasts until the next call of strerror(3).
+const char *reasonOf(int error);
+
 // Milliseconds of a clock that nobody sets.
 int64_t steadyMs();
 
