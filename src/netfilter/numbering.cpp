@@ -5,15 +5,20 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string_view>
 
 #include "appmodel/app_pool.h"
+#include "core/handle.h"
 #include "core/log.h"
+#include "core/text.h"
 #include "core/write_fully.h"
 #include "flows/enf_flow_db.h"
 #include "flows/flow_report.h"
 #include "flows/kernel_side.h"
-#include "kit/md5.h"
 #include "kit/renumbering.h"
 #include "netfilter/attributes.h"
 #include "netfilter/conntrack.h"
@@ -29,99 +34,167 @@ namespace {
 
 constexpr char kFolder[] = "/var/run/korvid";
 constexpr char kFile[] = "/var/run/korvid/numbering";
-constexpr int kWalks = 3;  // one that clears, and others for what it missed
+constexpr size_t kLineRoom = kAppNameSize + 16;
+constexpr off_t kLargestFile = off_t{kLineRoom} << 17;
+constexpr int kWalks = 3;  // one that does it, and others for what it missed
 constexpr int64_t kRetryPeriod = 1000;
 constexpr size_t kBuffer = 32768;
+constexpr uint32_t kApplications = 0x10000;
 
 mnl_socket *dumps = nullptr;
 alignas(nlmsghdr) char buffer[kBuffer];
+bool valid = true;
+int64_t lastTry = 0;
 
-Md5Text marked{};       // the numbering of the marks; empty for none that is known
-Md5Text next{};         // of the kit that is being installed
-bool forgotten = true;  // no mark of another numbering is left
-int64_t lastWalk = 0;
+// The list as it stands in the file: the mask in the first line, then a number and a name in each.
+CText next;  // of the kit that is being installed
 
-// Of the pool, which is in the order of names.
-Md5Text numberingOfPool() {
-    Md5 md5;
-    md5Begin(md5);
-    for (const AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app)) {
-        md5Add(md5, app->name, sizeof app->name);
-        md5Add(md5, &app->appId, sizeof app->appId);
+CText listOfPool() {
+    size_t lines = 1;
+    for (const AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app)) lines++;
+    CText text(static_cast<char *>(malloc(lines * kLineRoom)));
+    if (!text) return nullptr;
+    char *end = text.get();
+    end += snprintf(end, kLineRoom, "%#x\n", sideSettings.marks.mask);
+    for (const AmAppNode *app = amGetNextAppNode(nullptr); app; app = amGetNextAppNode(app))
+        end += snprintf(end, kLineRoom, "%u %s\n", app->appId, app->name);
+    return text;
+}
+
+// Null when there is none, or none that can be read.
+CText listOfFile() {
+    const int fd = open(kFile, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return nullptr;
+    struct stat file;
+    CText text;
+    if (fstat(fd, &file) == 0 && S_ISREG(file.st_mode) && file.st_size <= kLargestFile) {
+        const auto size = static_cast<size_t>(file.st_size);
+        text.reset(static_cast<char *>(calloc(size + 1, 1)));
+        if (text && read(fd, text.get(), size) != file.st_size) text.reset();
     }
-    const uint32_t mask = sideSettings.marks.mask;  // it says where a number lies
-    md5Add(md5, &mask, sizeof mask);
-    return md5Text(md5End(md5));
-}
-
-bool isSame(const Md5Text &one, const Md5Text &other) {
-    return memcmp(one.text, other.text, sizeof one.text) == 0;
-}
-
-void readNumbering() {
-    const int fd = open(kFile, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    if (read(fd, marked.text, sizeof marked.text) != sizeof marked.text - 1) marked = {};
     (void)close(fd);
+    return text;
 }
 
-void writeNumbering() {
+void writeList(const char *text) {
     (void)mkdir(kFolder, 0755);
     const int fd = open(kFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    bool written = fd >= 0 && writeFully(fd, marked.text) == sizeof marked.text - 1;
-    const int error = errno;
-    if (fd >= 0 && close(fd) != 0) written = false;
+    bool written = fd >= 0 && writeFully(fd, text) == strlen(text);
+    int error = errno;
+    if (fd >= 0 && close(fd) != 0) {
+        error = errno;
+        written = false;
+    }
     if (written) return;
-    amLog(AM_LOG_ERROR, "%s:%d %s: %s; running connections will be classified anew after a restart\n",
-          "writeNumbering", __LINE__, kFile, strerror(error));
+    amLog(AM_LOG_ERROR, "%s:%d %s: %s; what connections are will be forgotten by a restart\n", "amUpdateKit",
+          __LINE__, kFile, strerror(error));
     (void)unlink(kFile);
 }
 
-struct Clearing {
-    unsigned left, failed;
-};
+// New numbers by old ones, 0 for what the new kit does not know.
+using Translation = std::unique_ptr<uint16_t, Closer<std::free>>;
 
-void visitMarked(const nlmsghdr *message, void *context) {
-    auto &clearing = *static_cast<Clearing *>(context);
-    Connection connection;
-    if (!readConnection(message, connection)) return;
-    clearing.left++;
-    const int error = markConnection(connection, 0);
-    if (error != 0 && error != -ENOENT) clearing.failed++;  // ended meanwhile
+// Of a list's names into the pool's numbers; null when the list does not tell of the marks as they lie now.
+Translation translationFrom(const char *list) {
+    char *rest = nullptr;
+    if (strtoul(list, &rest, 0) != sideSettings.marks.mask || *rest != '\n') return nullptr;
+    Translation translation(static_cast<uint16_t *>(calloc(kApplications, sizeof(uint16_t))));
+    if (!translation) return nullptr;
+    while (*rest == '\n' && rest[1] != '\0') {
+        char *name = nullptr;
+        const unsigned long number = strtoul(rest + 1, &name, 10);
+        if (number >= kApplications || *name != ' ') return nullptr;
+        name++;
+        rest = name + strcspn(name, "\n");
+        char text[kAppNameSize + 1];
+        copyText(text, {name, static_cast<size_t>(rest - name)});
+        if (const AmAppNode *const app = getAppNode(text)) translation.get()[number] = app->appId;
+    }
+    return translation;
 }
 
-// False where marks may be left.
-bool clearMarks() {
+struct Rewriting {
+    const uint16_t *translation;
+    unsigned seen, failed;
+};
+
+void rewrite(const Connection &connection, uint32_t value, Rewriting &rewriting) {
+    rewriting.seen++;
+    const int error = markConnection(connection, value);
+    if (error != 0 && error != -ENOENT) rewriting.failed++;  // the latter has ended meanwhile
+}
+
+// Into the new number, but without the bit that says so: a connection that is met twice is translated once.
+void visitOld(const nlmsghdr *message, void *context) {
+    auto &rewriting = *static_cast<Rewriting *>(context);
+    Connection connection;
+    if (!readConnection(message, connection)) return;
+    const MarkLayout &marks = sideSettings.marks;
+    const uint32_t number = rewriting.translation[marks.application(connection.mark)];
+    const uint32_t value = marks.verdict(number, connection.mark & marks.enforced()) & ~marks.classified();
+    rewrite(connection, number == 0 ? 0 : value, rewriting);
+}
+
+void visitTranslated(const nlmsghdr *message, void *context) {
+    Connection connection;
+    if (!readConnection(message, connection)) return;
+    const uint32_t value = connection.mark & sideSettings.marks.mask;
+    if (value != 0)
+        rewrite(connection, value | sideSettings.marks.classified(), *static_cast<Rewriting *>(context));
+}
+
+void visitAny(const nlmsghdr *message, void *context) {
+    Connection connection;
+    if (readConnection(message, connection) && connection.mark & sideSettings.marks.mask)
+        rewrite(connection, 0, *static_cast<Rewriting *>(context));
+}
+
+bool walk(MarkBits bits, void (*visit)(const nlmsghdr *, void *), Rewriting &rewriting) {
+    alignas(nlmsghdr) char request[kConntrackRequestSize] = {};
+    rewriting.seen = rewriting.failed = 0;
+    return runDump(dumps, buildMarkDump(request, bits), buffer, visit, &rewriting) == 0 &&
+           rewriting.failed == 0;
+}
+
+bool translateMarks(const Translation &translation) {
+    if (!translation) return false;
     const uint32_t classified = sideSettings.marks.classified();
-    for (int walk = 0; walk < kWalks; walk++) {
-        Clearing clearing{};
-        alignas(nlmsghdr) char request[kConntrackRequestSize] = {};
-        const int error =
-            runDump(dumps, buildMarkDump(request, {classified, classified}), buffer, visitMarked, &clearing);
-        if (error == 0 && clearing.left == 0) return true;
+    Rewriting rewriting{translation.get(), 0, 0};
+    for (int number = 0; number < kWalks; number++) {
+        if (!walk({classified, classified}, visitOld, rewriting)) return false;
+        if (rewriting.seen == 0) return walk({0, classified}, visitTranslated, rewriting);
     }
     return false;
 }
 
-void forget() {
-    lastWalk = steadyMs();
-    if (!clearMarks()) {
+// False where marks may be left.
+bool clearMarks() {
+    Rewriting rewriting{};
+    for (int number = 0; number < kWalks; number++)
+        if (walk({0, 0}, visitAny, rewriting) && rewriting.seen == 0) return true;
+    return false;
+}
+
+void settle(bool done) {
+    lastTry = steadyMs();
+    valid = done;
+    if (done && next)
+        writeList(next.get());
+    else if (!done)
         amLog(AM_LOG_ERROR, "%s:%d marks of another kit may be left: policies rest until they are gone\n",
-              "whileRenumbering", __LINE__);
-        return;
-    }
-    forgotten = true;
-    marked = next;
-    writeNumbering();
+              "amUpdateKit", __LINE__);
+}
+
+bool unchanged() {
+    const CText known = listOfFile();
+    return valid && known && next && strcmp(known.get(), next.get()) == 0;
 }
 
 }  // namespace
 
 int openNumbering() {
     dumps = openNetfilterSocket();
-    if (!dumps) return -errno;
-    readNumbering();
-    return 0;
+    return dumps ? 0 : -errno;
 }
 
 void closeNumbering() {
@@ -134,38 +207,39 @@ void abandonNumbering() {
 }
 
 bool marksAreValid() {
-    return forgotten;
+    return valid;
 }
 
-void retryForgetting() {
-    if (forgotten || steadyMs() - lastWalk < kRetryPeriod) return;
-    forget();
-    if (forgotten) fillPolicy();
+void retryClearing() {
+    if (valid || steadyMs() - lastTry < kRetryPeriod) return;
+    settle(clearMarks());
+    if (valid) fillPolicy();
 }
 
-// A number is the index's: the kernel's memory of the old ones is cleared.
+// A number is the index's own.
 constinit const bool applicationsKeepNumbers = false;
 
 void beforeRenumbering() {
     keepLists();
-    next = numberingOfPool();
-    if (isSame(next, marked)) return;
-    reportConnections();  // their last line under their names
+    next = listOfPool();
+    if (unchanged()) return;
+    reportConnections();  // their last lines under the old numbers
     flushReports();
 }
 
 void whileRenumbering() {
-    if (isSame(next, marked) && forgotten) return;
-    // First what tells of the marks, then the sets, then the marks: whenever the process ends between two
-    // steps, the next run does all of it.
+    if (unchanged()) return;
+    const CText known = valid ? listOfFile() : nullptr;
+    const Translation translation = known ? translationFrom(known.get()) : nullptr;
+    // First what tells of the marks, then the sets, then the marks: where the process ends between two steps,
+    // the next one clears what it finds.
     (void)unlink(kFile);
-    marked = {};
-    forgotten = false;
+    valid = false;
     fillPolicy();
     dropVerdicts();
     amCleanAllEnfFlowDb();
     amCleanAllEnfFlowDb6();
-    forget();
+    settle(translateMarks(translation) || clearMarks());
 }
 
 // Rules by name are to hold on, so the lists do, as far as the new kit knows their applications.

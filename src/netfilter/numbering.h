@@ -1,11 +1,13 @@
-// Which kit's numbers the connections' marks carry.  The marks outlive the daemon; so does a digest of the
-// numbering, beside the process's other run-time files.  Where a kit numbers applications differently from
-// the marks, those are cleared before its engine runs: connections count as unclassified then, and a number
-// of another kit never meets this one's rules.
+// What the numbers in connections' marks mean.  Marks outlive the daemon; so does a list of the names that
+// they stand for, beside the system's other run-time files.  A kit that numbers applications differently has
+// the marks translated, name by name, before its verdicts come: a connection goes on being what it was found
+// to be, one whose application the new kit does not know counts as unclassified, and a number of one kit
+// never meets another's rules.
 //
-//   valid --another numbering--> being forgotten --all marks cleared--> valid
-//                                     |  ^
-//                                     '--'  tried again while the kernel refuses
+//   settled --another numbering--> sets empty, list gone --every mark translated--> settled
+//                                          '--the kernel refuses, or the end of the process--> marks are
+//                                          cleared,
+//                                              now and then again until none is left --> settled
 //
 // Threads: the event-loop thread.
 #pragma once
@@ -20,6 +22,6 @@ void abandonNumbering();  // the descriptor only, for a process that ends at onc
 bool marksAreValid();
 
 // Goes on clearing where that has failed.
-void retryForgetting();
+void retryClearing();
 
 }  // namespace am

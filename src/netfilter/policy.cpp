@@ -142,7 +142,7 @@ void lookForNewlyEnforced() {
 
 void onWatch(uloop_timeout *) {
     (void)uloop_timeout_set(&watch, kWatchPeriod);
-    retryForgetting();
+    retryClearing();
     const int mirroring = amAdminState.load(std::memory_order_relaxed);
     if (!seen.any || seen.changes != amModelChanges || seen.mirroring != mirroring) {
         fill(!seen.any);

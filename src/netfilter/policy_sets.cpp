@@ -107,16 +107,16 @@ void putBoundary(Batch &batch, uint8_t message) {
         batch.finish(boundary);
 }
 
-nlmsghdr *startElements(Batch &batch, uint8_t message, const PolicySetName &set, size_t count) {
+nlmsghdr *startElements(Batch &batch, uint8_t message, const PolicySet &set, size_t count) {
     nlmsghdr *request =
-        batch.start(NFNL_SUBSYS_NFTABLES, message, NFPROTO_INET, 0, kRequestSize + count * kElementSize);
+        batch.start(NFNL_SUBSYS_NFTABLES, message, set.family, 0, kRequestSize + count * kElementSize);
     if (!request) return nullptr;
     mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_TABLE, kPolicyTable);
-    mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_SET, set.text);
+    mnl_attr_put_strz(request, NFTA_SET_ELEM_LIST_SET, set.set.text);
     return request;
 }
 
-void putMarks(Batch &batch, const PolicySetName &set, std::span<const uint32_t> marks) {
+void putMarks(Batch &batch, const PolicySet &set, std::span<const uint32_t> marks) {
     nlmsghdr *request = startElements(batch, NFT_MSG_NEWSETELEM, set, marks.size());
     if (!request) return;
     nlattr *list = mnl_attr_nest_start(request, NFTA_SET_ELEM_LIST_ELEMENTS);
@@ -154,11 +154,11 @@ void visitSet(const nlmsghdr *message, void *context) {
     filling.result.sets++;
     if (marks.empty()) filling.result.empty++;
     // Without elements it names all of them.
-    if (const nlmsghdr *flush = startElements(filling.batch, NFT_MSG_DELSETELEM, found.set, 0))
+    if (const nlmsghdr *flush = startElements(filling.batch, NFT_MSG_DELSETELEM, found, 0))
         filling.batch.finish(flush);
     while (!marks.empty()) {
         const size_t part = std::min(marks.size(), kElementsPerMessage);
-        putMarks(filling.batch, found.set, marks.first(part));
+        putMarks(filling.batch, found, marks.first(part));
         marks = marks.subspan(part);
     }
 }
@@ -171,12 +171,15 @@ bool fillOnce(const mnl_socket *socket, Filling &filling) {
         return true;
     }
     putBoundary(filling.batch, NFNL_MSG_BATCH_BEGIN);
-    alignas(nlmsghdr) char buffer[kRequestSize] = {};
-    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_NFTABLES, NFT_MSG_GETSET, NFPROTO_INET);
-    mnl_attr_put_strz(request, NFTA_SET_TABLE, kPolicyTable);
     int &error = filling.result.error;
-    error = runDump(socket, request, {list.get(), kListBuffer}, visitSet, &filling);
-    if (error == -ENOENT) error = 0;  // no table
+    for (const uint8_t family : {NFPROTO_INET, NFPROTO_BRIDGE}) {
+        alignas(nlmsghdr) char buffer[kRequestSize] = {};
+        nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_NFTABLES, NFT_MSG_GETSET, family);
+        mnl_attr_put_strz(request, NFTA_SET_TABLE, kPolicyTable);
+        error = runDump(socket, request, {list.get(), kListBuffer}, visitSet, &filling);
+        if (error == -ENOENT) error = 0;  // no table
+        if (error != 0) break;
+    }
     if (error == 0 && filling.result.sets != 0) {
         putBoundary(filling.batch, NFNL_MSG_BATCH_END);
         error = filling.batch.commit(socket);
@@ -242,8 +245,9 @@ int subscribePolicySets(const mnl_socket *socket) {
 bool readPolicySet(const nlmsghdr *message, PolicySet &found) {
     found = {};
     const nfgenmsg *family = familyHeader(message);
-    if (!family || family->nfgen_family != NFPROTO_INET || message->nlmsg_type != typeOf(NFT_MSG_NEWSET))
-        return false;
+    if (!family || message->nlmsg_type != typeOf(NFT_MSG_NEWSET)) return false;
+    found.family = family->nfgen_family;
+    if (found.family != NFPROTO_INET && found.family != NFPROTO_BRIDGE) return false;
     const Attributes<NFTA_SET_KEY_LEN> attributes(message);
     uint32_t keyLength = 0, flags = 0;
     (void)attributes.read(NFTA_SET_KEY_LEN, keyLength);

@@ -1,5 +1,6 @@
-// Policy by name: the administrator's rules in `table inet korvid` look marks up in sets that are named for
-// an application or a group, and this keeps the sets' elements right.
+// Policy by name: the administrator's rules in `table inet korvid`, and in a bridge `table bridge korvid`,
+// look marks up in sets that are named for an application or a group, and this keeps the sets' elements
+// right.
 //
 //   table inet korvid {
 //       set group_social { type mark; }
@@ -63,7 +64,8 @@ int subscribePolicySets(const mnl_socket *socket);
 // A named set of the table, from the kernel's list or its report of a declaration, which wants another fill.
 struct PolicySet {
     PolicySetName set;
-    bool ours;  // of marks, and with a name that tells the next two
+    uint8_t family;  // of its table, NFPROTO_INET or NFPROTO_BRIDGE
+    bool ours;       // of marks, and with a name that tells the next two
     PolicyKind kind;
     char name[kMaxPolicyName + 1];
 };

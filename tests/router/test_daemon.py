@@ -198,7 +198,7 @@ class Daemon(unittest.TestCase):
             self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records if r["End"] != "-"], [last])
 
     def test_sets_follow_kit_lists_and_firewall(self):
-        with Router("http") as router:
+        with Router("http", "dns") as router:
             def marks_are(**sets):
                 wanted = {name: [f"0x{0x30000 | number:08x}" for number in numbers] for name, numbers in sets.items()}
                 def there():
@@ -220,14 +220,20 @@ class Daemon(unittest.TestCase):
             router.world.enable()
             router.lab.rules("flush ruleset\n" + router.rules)  # as a firewall is reloaded
             marks_are(app_SSH=[ssh])
-            # A kit that numbers differently: what is marked is forgotten, and the names stand for the new numbers.
+            router.lab.rules("table bridge korvid { set app_SSH { type mark; }\n}")
+            wait_until(lambda: "elements" in router.lab.router.run("nft", "list", "table", "bridge", "korvid"), "a bridge's set")
+            # A kit that numbers differently, and does not know one application at all.
             router.world.call("SETavDpiAppList", {"appGroup": ["web"]})
-            transfer = router.large_transfer()
+            router.large_transfer()
             wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
+            router.lab.client.run("dig", f"@{router.lab.target(4)}", "www.example.com", check=False)
+            wait_until(lambda: router.marks() == [OTHERS | 0x30000 | dns, OTHERS | 0x30000 | http], "two marks")
             pathlib.Path("/flash/engine.rules").write_text("default none\n")
-            router.world.install_kit(apps={number + 1000: name for name, number in numbers.items()})
-            marks_are(app_HTTP=[http + 1000], group_web=sorted([dns + 1000, http + 1000]))
-            self.assertEqual(router.marks(), [OTHERS])
+            router.world.install_kit(apps={number + 1000: name for name, number in numbers.items() if name != "DNS"})
+            marks_are(app_HTTP=[http + 1000], group_web=[http + 1000])
+            self.assertEqual(router.marks(), [OTHERS, OTHERS | 0x30000 | (http + 1000)])
+            blocked = router.lab.counted("blocked")
+            wait_until(lambda: router.lab.counted("blocked") > blocked, "the transfer is still blocked")
 
     def test_five_thousand_flows_a_second_are_all_marked(self):
         with Router("dns") as router:
