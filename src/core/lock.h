@@ -3,8 +3,9 @@
 //
 // Order in which locks are taken, never backwards:
 //   amEngineGate -> amModelLock -> amEnfFlowLock -> amMonQueueLock -> amUploadLock -> log lock
-// and, private to one file each: the flow database's turnstile right before amEnfFlowLock; the sockets'
-// closeLock after amModelLock, and the capture thread's threadLock after it. Declarations say the order, for
+// and, private to one file each: the flow database's turnstile right before amEnfFlowLock; a kernel side's
+// closeLock after amModelLock, and the capture thread's threadLock after it; the router's verdictLock after
+// amModelLock. Declarations say the order, for
 // clang to check; the log lock is in no declaration, since nothing is called with it held that takes another.
 // A lock is held for the data it guards, never across a transfer, a shell command or a record write.
 #pragma once
