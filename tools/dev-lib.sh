@@ -142,6 +142,17 @@ stage_fuzz() {
     tools/fuzz "${1:-18}"
 }
 
+# Debian packages, in build/package.
+make_packages() {
+    say "Debian packages"
+    cmake --preset package >/dev/null
+    cmake --build build/package -j "$(nproc)" --target package_files -- --quiet
+    rm -f build/package/*.deb
+    (cd build/package && cpack >cpack.log 2>&1) || { cat build/package/cpack.log; return 1; }
+    lintian --tag-display-limit 0 --fail-on error,warning --allow-root build/package/*.deb
+    ls -l build/package/*.deb
+}
+
 # The whole table, or what korvid-bench's own options choose of its first part.
 run_bench() {
     [ $# -eq 0 ] || { tools/sandbox -- build/release/bench/korvid-bench "$@"; return; }
