@@ -153,6 +153,12 @@ make_packages() {
     ls -l build/package/*.deb
 }
 
+# The router laboratory on Debian's kernel, all of it or the tests named, as unittest names them.
+run_vm() {
+    tools/vm --timeout 1800 -- env -C "$PWD/tests/router" "$PWD/tools/sandbox" -- \
+        env "KORVID_BUILD=$PWD/build/release" KORVID_PATIENCE=120 /usr/bin/python3 -m unittest -v "$@"
+}
+
 # The whole table, or what korvid-bench's own options choose of its first part.
 run_bench() {
     [ $# -eq 0 ] || { tools/sandbox -- build/release/bench/korvid-bench "$@"; return; }
