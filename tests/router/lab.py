@@ -25,10 +25,14 @@ CLIENT = {4: "192.0.2.11", 6: "2001:db8:1::11"}
 INSIDE = {4: "192.0.2.1", 6: "2001:db8:1::1"}
 OUTSIDE = {4: "198.51.100.254", 6: "2001:db8:2::254"}
 SERVER = {4: "198.51.100.1", 6: "2001:db8:2::1"}
+BESIDE = {4: "192.0.2.12", 6: "2001:db8:1::12"}  # the server where the router is a bridge
 PREFIX = {4: 24, 6: 64}
 PORTS = {"http": 80, "tls": 443, "dns": 53, "ssh": 22}
 SETTINGS = {"net/ipv4/ip_forward": 1, "net/ipv6/conf/all/forwarding": 1, "net/netfilter/nf_conntrack_acct": 1,
             "net/netfilter/nf_conntrack_timestamp": 1, "net/netfilter/nf_conntrack_events": 1}
+
+# Packets of connections that have no verdict yet, their first ones only, at the hook of the chain it stands in.
+MIRROR = "ct mark & 0x20000 == 0 ct packets < 33 log group 26"
 
 SOURCE_NAT = """chain postrouting { type nat hook postrouting priority srcnat;
 oifname "outside" masquerade
@@ -92,13 +96,16 @@ class Host:
 
 
 class Lab:
-    """nat: what the router translates: none, source, destination or both."""
+    """nat: what the router translates: none, source, destination or both.  bridged: the router joins both links in one
+    network, and packets pass it as a bridge's."""
 
-    def __init__(self, nat="none"):
+    def __init__(self, nat="none", bridged=False):
         # Before there is anything to clean up: that would be the machine's rules and connections.
         if not TREE.is_symlink():
             raise RuntimeError("not in tools/sandbox: this network is the machine's")
         self.nat = nat
+        self.bridge = "lan" if bridged else None
+        self.server_at = BESIDE if bridged else SERVER
         self.router = Host()
         self.hosts = [self.router]
         self.work = pathlib.Path(tempfile.mkdtemp(prefix="lab"))
@@ -109,8 +116,11 @@ class Lab:
             self.need("ct mark 1 log group 26")  # has modules loaded, too, where that is possible
             for name, value in SETTINGS.items():
                 pathlib.Path("/proc/sys", name).write_text(f"{value}\n")
+            if self.bridge:
+                self.router.run("ip", "link", "add", self.bridge, "type", "bridge", "forward_delay", 0)
+                self._address(self.router, self.bridge, INSIDE)
             self.client = self._neighbour("inside", CLIENT, INSIDE)
-            self.server = self._neighbour("outside", SERVER, OUTSIDE)
+            self.server = self._neighbour("outside", self.server_at, INSIDE if self.bridge else OUTSIDE)
             if TRANSLATIONS[self.nat]:
                 self.rules(f"table inet laboratory {{ {TRANSLATIONS[self.nat]} }}")
         except BaseException:
@@ -121,7 +131,7 @@ class Lab:
     def __exit__(self, *_):
         for host in reversed(self.hosts):
             host.stop()
-        for link in ("inside", "outside"):
+        for link in ("inside", "outside", "lan"):
             self.router.run("ip", "link", "del", link, check=False)
         self.router.run("nft", "flush", "ruleset", check=False)
         self.router.run("conntrack", "-F", check=False)
@@ -136,25 +146,32 @@ class Lab:
         host.children.append(holder)
         self.hosts.append(host)
         self.router.run("ip", "link", "add", link, "type", "veth", "peer", "name", "eth0", "netns", holder.pid)
-        for side, device, addresses in ((self.router, link, router), (host, "eth0", own)):
-            for version, address in addresses.items():
-                side.run("ip", "addr", "add", f"{address}/{PREFIX[version]}", "dev", device,
-                         *(["nodad"] if version == 6 else []))
-            # Addresses are used at once: the kernel would take two seconds to find that nobody else has them.
-            side.run("sysctl", "-qw", f"net.ipv6.conf.{device}.accept_dad=0")
-            side.run("ip", "link", "set", device, "up")
+        if self.bridge:
+            self.router.run("ip", "link", "set", link, "master", self.bridge)
+        self._address(self.router, link, {} if self.bridge else router)
+        self._address(host, "eth0", own)
         host.run("ip", "link", "set", "lo", "up")
         for version, address in router.items():
             host.run("ip", f"-{version}", "route", "add", "default", "via", address)
         wait_until(lambda: "tentative" not in host.run("ip", "addr") + self.router.run("ip", "addr"), "addresses")
         return host
 
+    @staticmethod
+    def _address(host, device, addresses):
+        for version, address in addresses.items():
+            host.run("ip", "addr", "add", f"{address}/{PREFIX[version]}", "dev", device,
+                     *(["nodad"] if version == 6 else []))
+        # Addresses are used at once: the kernel would take two seconds to find that nobody else has them.
+        host.run("sysctl", "-qw", f"net.ipv6.conf.{device}.accept_dad=0")
+        host.run("ip", "link", "set", device, "up")
+
     # The router.
 
-    def need(self, rule, family="inet"):
-        """Skips the test where the kernel lacks what a rule at the forward hook takes."""
-        chain = f"table {family} probe {{ chain probe {{ type filter hook forward priority 0; {rule}\n}}\n}}\n"
-        done = self.router.run("nft", "-f", "-", input=chain + f"delete table {family} probe", stdin=None, check=False)
+    def need(self, rule, family="inet", declared=""):
+        """Skips the test where the kernel lacks what a rule at the forward hook takes, with what it wants declared."""
+        chain = f"{declared}\nchain probe {{ type filter hook forward priority 0; {rule}\n}}"
+        text = f"table {family} probe {{ {chain}\n}}\ndelete table {family} probe"
+        done = self.router.run("nft", "-f", "-", input=text, stdin=None, check=False)
         if any(text in done.stderr for text in ("No such file", "not supported", "Protocol error")):
             raise unittest.SkipTest(f"this kernel does not take \"{rule}\" in a table of {family}")
         if done.returncode:
@@ -183,7 +200,7 @@ class Lab:
 
     def target(self, version):
         """The address at which a client finds the server."""
-        return (INSIDE if self.nat in ("destination", "both") else SERVER)[version]
+        return (INSIDE if self.nat in ("destination", "both") else self.server_at)[version]
 
     def url(self, service, version, path=""):
         return f"{'https' if service == 'tls' else 'http'}://{bracketed(self.target(version))}/{path}"
@@ -223,7 +240,7 @@ class Lab:
 
     def _config(self, name, text):
         path = self.work / name
-        path.write_text(text.format(work=self.work, v4=SERVER[4], v6=SERVER[6]))
+        path.write_text(text.format(work=self.work, v4=self.server_at[4], v6=self.server_at[6]))
         return path
 
     def _nginx(self):
@@ -235,7 +252,8 @@ class Lab:
     def _dnsmasq(self):
         self._start_server("dnsmasq", "-k", "--no-resolv", "--no-hosts", "--user=", "--group=",
                            "--conf-file=/dev/null", "--pid-file=", "--bind-interfaces",
-                           f"--listen-address={SERVER[4]},{SERVER[6]}", f"--address=/example.com/{SERVER[4]}")
+                           f"--listen-address={self.server_at[4]},{self.server_at[6]}",
+                           f"--address=/example.com/{SERVER[4]}")
 
     def _sshd(self):
         # It gives up rights for a user of its own.

@@ -79,8 +79,8 @@ uint32_t classify(std::span<const uint8_t> packet, const am::ConnTuple &tuple) {
     return 0;
 }
 
-int mark(const am::ConnTuple &tuple, uint32_t application) {
-    return am::setConnectionMark(requests, tuple, 0, {layout.verdict(application, true), layout.mask});
+int mark(const am::ConnTuple &tuple, uint32_t application, uint16_t zone = 0) {
+    return am::setConnectionMark(requests, tuple, zone, {layout.verdict(application, true), layout.mask});
 }
 
 void tellMarked(const char *how, const am::ConnTuple &tuple, uint32_t application) {
@@ -115,7 +115,7 @@ bool searchTable(const am::ConnTuple &seen, Search &search) {
 bool deliver(const am::ConnTuple &seen, uint32_t application, const nlattr *connectionAttr, uint8_t family) {
     am::Connection connection;
     if (am::readConnection(connectionAttr, family, connection) &&
-        mark(connection.original, application) == 0) {
+        mark(connection.original, application, connection.zone) == 0) {
         counts.byConnection++;
         tellMarked("connection", seen, application);
         return true;
@@ -132,7 +132,7 @@ bool deliver(const am::ConnTuple &seen, uint32_t application, const nlattr *conn
     }
     Search search;
     for (const am::ConnTuple &tuple : {seen, am::inverse(seen)})
-        if (searchTable(tuple, search) && mark(search.found.original, application) == 0) {
+        if (searchTable(tuple, search) && mark(search.found.original, application, search.found.zone) == 0) {
             counts.bySearch++;
             printf("{\"event\": \"searched\", \"visited\": %u}\n", search.visited);
             tellMarked("search", seen, application);

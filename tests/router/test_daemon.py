@@ -46,11 +46,11 @@ for flow in range(flows):
 
 
 class Router:
-    """The laboratory with the daemon in its router."""
+    """The laboratory, of this shape, with the daemon in its router."""
 
-    def __init__(self, *services, nat="none", block="drop", daemon=None):
-        self.lab, self.world = lab.Lab(nat=nat), World(router=True)
-        self.services, self.rules, self.daemon = services, RULES.replace("BLOCK", block), daemon or {}
+    def __init__(self, *services, rules=RULES, block="drop", daemon=None, **shape):
+        self.lab, self.world = lab.Lab(**shape), World(router=True)
+        self.services, self.rules, self.daemon = services, rules.replace("BLOCK", block), daemon or {}
 
     def __enter__(self):
         with contextlib.ExitStack() as stack:

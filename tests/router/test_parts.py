@@ -92,6 +92,8 @@ class Parts(unittest.TestCase):
                 wait_until(lambda: len(laboratory.connections("--mark", "0x30000/0x30000")) == 6, "six marks")
                 marks = {int(line.split(" mark=")[1].split()[0]) for line in laboratory.connections()}
                 self.assertEqual(marks, {OTHERS | 0x30000 | application for application in (2, 4, 5)})
+                if loop.events("bound")[0]["connections"]:  # packets tell theirs: nothing to look for
+                    self.assertEqual({event["how"] for event in loop.events("marked")}, {"connection"})
 
     def test_ends_come_with_counters_and_of_marked_connections_only(self):
         with self.road("dns", "http") as (laboratory, loop):
