@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "records/mon_records.h"
 #include "records/record_file.h"
+#include "records/record_format.h"
 #include "records/record_names.h"
 
 constinit uint32_t linesInAppRecordFile = 0;
@@ -22,7 +23,7 @@ constinit uloop_timeout timer{.list = {}, .pending = false, .cb = amProcessMonCu
 constexpr am::RecordFileKind kFile{
     .path = kAppRecords,
     .oldPath = kAppRecordsOld,
-    .header = "Application,Application-Group,Utcinterval,MaFlowMin,MaFlowMax,MaFlowAvg,MaFlowTotal",
+    .header = kAppRecordsHeader,
     .op = "appMonWriteAppRecordsToFile",
     .countClose = {"Failed to close AM_FLOW_RECORD file"},
     .open = {"Failed to open AM_APP_RECORD file"},

@@ -28,9 +28,7 @@ constexpr am::RecordFailure kClose{"Failed to close AM_FLOW_RECORD file"};
 constexpr am::RecordFileKind kFile{
     .path = kEnfRecords,
     .oldPath = kEnfRecordsOld,
-    .header =
-        "IpAddrType,IpA,IpB,L4portA,L4portB,Proto,Application,Application-Group,MacA,KolNameA,MacB,KolNameB,"
-        "pktCount,byteCount,Start,End,IntStart,IntEnd",
+    .header = kEnfRecordsHeader,
     .op = "amWriteEnfFlowRecordToFile",
     .countClose = kClose,
     .open = kOpen,

@@ -8,9 +8,10 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "records/record_format.h"
+
 inline constexpr char kEnfRecords[] = "/flash/appmon_enforcement_flow_records.csv";
 inline constexpr char kEnfRecordsOld[] = "/flash/appmon_enforcement_flow_records_old.csv";
-inline constexpr size_t kRecordLineSize = 1024;
 
 extern uint32_t linesInEnfRecordFile;       // header included; 0 = not yet known
 extern int32_t amEnfLoggingThreshold;       // lines above which the file is rotated

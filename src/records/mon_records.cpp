@@ -11,6 +11,7 @@
 #include "core/text.h"
 #include "flows/flow_info.h"
 #include "records/record_file.h"
+#include "records/record_format.h"
 #include "records/record_names.h"
 
 constinit AmMutex amMonQueueLock;
@@ -39,7 +40,7 @@ constexpr am::RecordFailure kClose{"Failed to close AM_MON_FLOW_RECORD file"};
 constexpr am::RecordFileKind kFile{
     .path = kMonRecords,
     .oldPath = kMonRecordsOld,
-    .header = "IpAddrType,IpA,IpB,L4portA,L4portB,Proto,Application,Application-Group,Time",
+    .header = kMonRecordsHeader,
     .op = "amWriteMonFlowRecordToFile",
     .countClose = kClose,
     .open = kOpen,

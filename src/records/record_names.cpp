@@ -3,6 +3,9 @@
 #include "appmodel/app_lists.h"
 #include "core/append.h"
 #include "core/text.h"
+#include "records/record_format.h"
+
+static_assert(kRecordAppSize == kAppNameSize && kRecordGroupSize == kGroupNameSize);
 
 namespace am {
 

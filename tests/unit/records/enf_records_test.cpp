@@ -1,6 +1,7 @@
 #include <cinttypes>
 #include <random>
 
+#include "records/record_line.h"
 #include "unit/records/records_fixture.h"
 
 namespace {
@@ -20,6 +21,25 @@ std::string modelLine(const char *type, const AmFtQueueEntry<Address> &entry, co
              utc(entry.startTime).c_str(), entry.aged ? utc(testNow).c_str() : "-",
              utc(entry.intStartTime ? entry.intStartTime : entry.startTime).c_str(), utc(testNow).c_str());
     return line;
+}
+
+// A line as its reader has it, against the entry that it was written of.
+template <class Address>
+void expectReadBack(const std::string &line, const AmFtQueueEntry<Address> &entry, const Names &names) {
+    am::RecordLine read;
+    ASSERT_EQ(am::readRecordLine(am::RecordKind::Enforcement, line, read), nullptr) << line;
+    constexpr size_t kSkipped = sizeof read.ipA.bytes - sizeof entry.fst_ip;
+    EXPECT_EQ(memcmp(read.ipA.bytes + kSkipped, &entry.fst_ip, sizeof entry.fst_ip), 0) << line;
+    EXPECT_EQ(memcmp(read.ipB.bytes + kSkipped, &entry.secnd_ip, sizeof entry.secnd_ip), 0) << line;
+    EXPECT_TRUE(read.portA == entry.fstPort && read.portB == entry.scndPort) << line;
+    EXPECT_EQ(read.proto, entry.proto == 6 || entry.proto == 17 ? entry.proto : 0);
+    EXPECT_TRUE(read.application == names.app && read.group == names.group) << line;
+    EXPECT_EQ(read.profile, entry.access_profile[0] ? entry.access_profile : "-");
+    EXPECT_TRUE(read.packets == entry.pktCnt && read.bytes == entry.byteCnt) << line;
+    EXPECT_EQ(read.ended, entry.aged != 0);
+    EXPECT_EQ(read.start, entry.startTime);
+    EXPECT_EQ(read.intStart, entry.intStartTime ? entry.intStartTime : entry.startTime);
+    EXPECT_EQ(read.time, testNow);
 }
 
 class EnfRecords : public RecordsTest {
@@ -51,13 +71,15 @@ TEST_F(EnfRecords, LinesAreThoseOfPrintf) {
         testNow = kNoon + round * 86400 * 100;
         for (int i = 0; i < kReportQueueSize; i++, ft4CommonIndex++) {
             randomise(amnFt4Queue[i]);
-            expected.push_back(
-                modelLine("IPv4", amnFt4Queue[i], namesOf(amnFt4Queue[i].appId, AM_LIST_ENFORCEMENT)));
+            const Names names = namesOf(amnFt4Queue[i].appId, AM_LIST_ENFORCEMENT);
+            expected.push_back(modelLine("IPv4", amnFt4Queue[i], names));
+            expectReadBack(expected.back(), amnFt4Queue[i], names);
         }
         for (int i = 0; i < kReportQueueSize; i++, ft6CommonIndex++) {
             randomise(amnFt6Queue[i]);
-            expected.push_back(
-                modelLine("IPv6", amnFt6Queue[i], namesOf(amnFt6Queue[i].appId, AM_LIST_ENFORCEMENT)));
+            const Names names = namesOf(amnFt6Queue[i].appId, AM_LIST_ENFORCEMENT);
+            expected.push_back(modelLine("IPv6", amnFt6Queue[i], names));
+            expectReadBack(expected.back(), amnFt6Queue[i], names);
         }
         char line[kRecordLineSize];
         amLogFlowRecord(0, line);  // as by a flush that fails: its successor's interval begins here
