@@ -1,0 +1,99 @@
+#include "collect/quarantine.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+
+#include <cerrno>
+#include <ctime>
+#include <functional>
+#include <unordered_set>
+
+#include "common/descriptor.h"
+#include "common/folder.h"
+#include "common/printable.h"
+#include "core/write_fully.h"
+
+namespace fleet {
+namespace {
+
+constexpr mode_t kFolderMode = 0750, kFileMode = 0640;
+constexpr size_t kLargest = size_t{256} << 20;
+
+// Makes the folders of a path that are missing.
+bool makeFolders(const std::string &path) {
+    for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        if (mkdir(path.substr(0, end).c_str(), kFolderMode) != 0 && errno != EEXIST) return false;
+        if (end == std::string::npos) return true;
+    }
+}
+
+// A box's name as a path whose steps are no longer than a file system takes, nor special.
+std::string pathOf(const std::string &box) {
+    constexpr size_t kLongest = 200;
+    std::string out;
+    for (size_t begin = 0; begin <= box.size();) {
+        const size_t end = std::min(box.find('/', begin), box.size());
+        std::string step = box.substr(begin, end - begin);
+        if (step.size() > kLongest)
+            step = step.substr(0, kLongest) + '~' + std::to_string(std::hash<std::string>{}(step));
+        out += '/' + (step.empty() || step[0] == '.' ? '_' + step : step);
+        begin = end + 1;
+    }
+    return out;
+}
+
+std::string nowText() {
+    const time_t now = time(nullptr);
+    tm parts{};
+    char text[32] = {};
+    if (gmtime_r(&now, &parts)) (void)strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+// What makes two lines the same: reason and text, the last two columns.
+std::string_view identity(std::string_view line) {
+    size_t begin = 0;
+    for (int column = 0; column < 4; column++) begin = line.find('\t', begin) + 1;
+    return line.substr(begin);
+}
+
+}  // namespace
+
+long Quarantine::add(const std::string &box, am::RecordKind kind, const std::string &file,
+                     const std::vector<BadLine> &lines) const {
+    const std::string folder = folder_ + pathOf(box);
+    if (!makeFolders(folder)) return -1;
+    const std::string path = folder + '/' + std::string(am::recordName(kind)) + ".bad";
+    const Descriptor out(open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    std::string before;
+    if (!out || !readAll(out.get(), kLargest, before)) return -1;
+    const off_t size = static_cast<off_t>(before.size());
+    if (before.size() >= kLargest) {
+        errno = EFBIG;
+        return -1;
+    }
+
+    std::unordered_set<std::string_view> known;
+    for (size_t begin = 0, end = 0; (end = before.find('\n', begin)) != std::string::npos; begin = end + 1)
+        known.insert(identity(std::string_view(before).substr(begin, end - begin)));
+    // A line that was being written when the power failed.
+    std::string text = before.empty() || before.back() == '\n' ? "" : "\n";
+    const std::string head = nowText() + '\t' + printable(file) + '\t';
+    long added = 0;
+    for (const BadLine &line : lines) {
+        std::string entry = std::string(line.reason) + '\t' + printable(line.text);
+        if (known.contains(entry)) continue;
+        text += head + std::to_string(line.number) + '\t' + std::to_string(line.offset) + '\t' + entry + '\n';
+        added++;
+    }
+    if (added == 0) return 0;
+    if (am::writeFully(out.get(), text) == text.size() && fsync(out.get()) == 0) return added;
+    const int error = errno;
+    // Half of them would look like all when the file comes again.
+    if (ftruncate(out.get(), size) != 0) (void)0;
+    errno = error;
+    return -1;
+}
+
+}  // namespace fleet
