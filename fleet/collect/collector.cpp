@@ -230,7 +230,7 @@ void Collector::load(ClaimedFile &&file, am::RecordKind kind) {
     };
     scan_.scan(
         kind, contents_,
-        [&](const am::RecordLine &line, uint32_t nth) {
+        [&](const am::RecordLine &line, uint32_t nth, std::string_view) {
             if (lines++ == 0) first = line.time;
             appendRow(rows, kind, box, line, nth);
         },
@@ -284,7 +284,8 @@ void Collector::tellDryRun(const Place &place) {
     }
     size_t lines = 0, bad = 0;
     scan_.scan(
-        *kindOfFile(original), contents_, [&](const am::RecordLine &, uint32_t) { lines++; },
+        *kindOfFile(original), contents_,
+        [&](const am::RecordLine &, uint32_t, std::string_view) { lines++; },
         [&](const BadLine &line) {
             if (bad++ == 0 && !isatty(STDERR_FILENO))
                 (void)fprintf(stderr, "%s: line %zu: %s\n", name.c_str(), line.number, line.reason);

@@ -26,10 +26,10 @@ struct BadLine {
 // One at a time; its memory is used again for the next file.
 class RecordScan {
   public:
-    // Calls row(const am::RecordLine &, uint32_t nth) and bad(const BadLine &) in the order of the lines;
-    // problem(const am::RecordLine &) may find a reason against a line that can be read, a static text, or
-    // null.  Header lines and empty ones are passed over, wherever they stand.  What follows the last newline
-    // is a line cut off.
+    // Calls row(const am::RecordLine &, uint32_t nth, std::string_view text) and bad(const BadLine &) in the
+    // order of the lines; problem(const am::RecordLine &) may find a reason against a line that can be read,
+    // a static text, or null.  Header lines and empty ones are passed over, wherever they stand.  What
+    // follows the last newline is a line cut off.
     template <class Row, class Bad, class Problem>
     void scan(am::RecordKind kind, std::string_view contents, const Row &row, const Bad &bad,
               const Problem &problem);
@@ -57,7 +57,7 @@ void RecordScan::scan(am::RecordKind kind, std::string_view contents, const Row 
             if (reason)
                 bad(BadLine{reason, number, offset, line});
             else
-                row(record, countOf(line));
+                row(record, countOf(line), line);
         }
         offset = next;
     }

@@ -1,0 +1,260 @@
+#include <algorithm>
+#include <charconv>
+#include <ctime>
+
+#include "report/sources.h"
+
+namespace fleet {
+namespace {
+
+// The cells of a row of the answer, in ClickHouse's TabSeparated format.
+class Row {
+  public:
+    explicit Row(std::string_view line) : rest_(line) {}
+
+    std::string_view text() {
+        const size_t tab = std::min(rest_.find('\t'), rest_.size());
+        const std::string_view cell = rest_.substr(0, tab);
+        rest_.remove_prefix(std::min(tab + 1, rest_.size()));
+        // Names hold neither control characters nor quotes that would be escaped, but backslashes.
+        if (cell.find('\\') == std::string_view::npos) return cell;
+        plain_.clear();
+        for (size_t i = 0; i < cell.size(); i++) {
+            if (cell[i] == '\\' && i + 1 < cell.size()) i++;
+            plain_ += cell[i];
+        }
+        return plain_;
+    }
+    template <class Number>
+    Number number() {
+        const std::string_view cell = text();
+        Number out{};
+        (void)std::from_chars(cell.data(), cell.data() + cell.size(), out);
+        return out;
+    }
+
+  private:
+    std::string_view rest_;
+    std::string plain_;
+};
+
+class Questions {
+  public:
+    Questions(const Server &server, Facts &facts, std::string &error)
+        : server_(server), facts_(facts), error_(error) {}
+
+    [[nodiscard]] bool findPeriod(const Wanted &wanted);
+    [[nodiscard]] bool countLines();
+    [[nodiscard]] bool findBoxes();
+    [[nodiscard]] bool readCells();
+    [[nodiscard]] bool readTalkers();
+
+  private:
+    template <class Take>
+    [[nodiscard]] bool ask(const std::string &query, const Take &take);
+
+    [[nodiscard]] std::string during(const char *column, int64_t begin) const;
+    [[nodiscard]] std::string growing() const;
+    [[nodiscard]] std::string bucketOf(const char *time) const;
+    [[nodiscard]] std::string contacts(const std::string &hosts) const;
+
+    ClickHouse server_;
+    Facts &facts_;
+    std::string &error_;
+    std::string box_ = "Box";  // what stands for a box's name
+};
+
+template <class Take>
+bool Questions::ask(const std::string &query, const Take &take) {
+    // Sums over more flows than memory holds go through files.
+    constexpr char kSettings[] = " SETTINGS max_bytes_before_external_group_by = 3000000000";
+    if (!server_.query(query + kSettings)) {
+        error_ = server_.error();
+        return false;
+    }
+    const std::string &answer = server_.answer();
+    for (size_t begin = 0, end = 0; (end = answer.find('\n', begin)) != std::string::npos; begin = end + 1) {
+        Row row(std::string_view(answer).substr(begin, end - begin));
+        take(row);
+    }
+    return true;
+}
+
+std::string timeText(int64_t time) {
+    return "toDateTime(" + std::to_string(std::max<int64_t>(time, 0)) + ", 'UTC')";
+}
+
+std::string Questions::during(const char *column, int64_t begin) const {
+    return std::string(column) + " >= " + timeText(begin) + " AND " + column + " < " +
+           timeText(facts_.period.to);
+}
+
+std::string Questions::bucketOf(const char *time) const {
+    const std::string from = std::to_string(facts_.period.from);
+    const std::string seconds = std::string("toInt64(toUInt32(") + time + "))";
+    return "if(" + seconds + " < " + from + ", -1, intDiv(" + seconds + " - " + from + ", " +
+           std::to_string(facts_.period.bucket) + "))";
+}
+
+// What each line of each flow adds to the flow's line before it, with its time.  Equal lines are one, as they
+// are in a set; no FINAL is needed.
+std::string Questions::growing() const {
+    const std::string lookBack = std::to_string(facts_.period.lookBack());
+    return "(SELECT Box, A, B, L[i].1 AS Time, L[i].4 AS Application, L[i].5 AS AppGroup,"
+           " i = 1 AND Begin >= " +
+           lookBack +
+           " AS Begins,"
+           " if(i = 1, if(Begins, toInt64(L[i].2), 0), toInt64(L[i].2) - toInt64(L[i - 1].2)) AS B0,"
+           " if(i = 1, if(Begins, toInt64(L[i].3), 0), toInt64(L[i].3) - toInt64(L[i - 1].3)) AS P0,"
+           " if(B0 < 0, greatest(B0 + 4294967296, 0), B0) AS Bytes,"
+           " if(P0 < 0, greatest(P0 + 4294967296, 0), P0) AS Packets"
+           " FROM (SELECT Box, Flow, any(IpA) AS A, any(IpB) AS B, toInt64(toUInt32(min(Start))) AS Begin,"
+           " arraySort(groupUniqArray((IntEnd, Bytes, Packets, Application, AppGroup))) AS L"
+           " FROM enforcement WHERE " +
+           during("IntEnd", facts_.period.lookBack()) +
+           " GROUP BY Box, Flow) ARRAY JOIN arrayEnumerate(L) AS i WHERE Time >= " +
+           timeText(facts_.period.before) + ")";
+}
+
+bool Questions::findPeriod(const Wanted &wanted) {
+    const int64_t latest = wanted.to != 0 ? wanted.to - 1 : time(nullptr) + 86400;
+    int64_t first = latest, last = 0;
+    bool any = false;
+    const auto look = [&](const char *table, const char *column) {
+        const std::string time(column);
+        return ask("SELECT count(), toInt64(toUInt32(min(" + time + "))), toInt64(toUInt32(max(" + time +
+                       "))) FROM " + table + " WHERE " + time + " <= " + timeText(latest) + " AND " + time +
+                       " > " + timeText(wanted.to != 0 ? latest - 2 * wanted.seconds : 0),
+                   [&](Row &row) {
+                       if (row.number<uint64_t>() == 0) return;
+                       any = true;
+                       first = std::min(first, row.number<int64_t>());
+                       last = std::max(last, row.number<int64_t>());
+                   });
+    };
+    if (!look("enforcement", "IntEnd") || !look("monitoring", "Time") || !look("applications", "Hour"))
+        return false;
+    if (!any) error_ = "no records";
+    facts_.period = periodOf(first, wanted.to != 0 ? latest : last, wanted.seconds);
+    return any;
+}
+
+bool Questions::countLines() {
+    const char *const tables[][2] = {
+        {"enforcement", "IntEnd"}, {"monitoring", "Time"}, {"applications", "Hour"}};
+    for (size_t i = 0; i < std::size(tables); i++)
+        if (!ask(std::string("SELECT count() FROM ") + tables[i][0] + " FINAL WHERE " +
+                     during(tables[i][1], facts_.period.before),
+                 [&](Row &row) { facts_.lines[i] = row.number<uint64_t>(); }))
+            return false;
+    return true;
+}
+
+// With more boxes than a page names, those with most lines keep their names.
+bool Questions::findBoxes() {
+    std::vector<std::string> names;
+    const std::string lines = "SELECT Box FROM enforcement WHERE " + during("IntEnd", facts_.period.before) +
+                              " UNION ALL SELECT Box FROM monitoring WHERE " +
+                              during("Time", facts_.period.before);
+    if (!ask("SELECT Box, count() AS n FROM (" + lines + ") GROUP BY Box ORDER BY n DESC, Box LIMIT " +
+                 std::to_string(kMostBoxes + 1),
+             [&](Row &row) { names.emplace_back(row.text()); }))
+        return false;
+    if (names.size() <= kMostBoxes) return true;
+    names.pop_back();
+    std::string list;
+    for (const std::string &name : names) list += (list.empty() ? "" : ", ") + quoted(name);
+    box_ = "if(Box IN (" + list + "), Box, " + quoted(kOtherBoxes) + ")";
+    return true;
+}
+
+bool Questions::readCells() {
+    const auto take = [&](Row &row) {
+        CellKey key{};
+        key.bucket = row.number<int32_t>();
+        key.box = facts_.boxes.of(row.text());
+        key.application = facts_.applications.of(row.text());
+        key.group = facts_.groups.of(row.text());
+        Sums sums;
+        sums.packets = row.number<uint64_t>();
+        sums.bytes = row.number<uint64_t>();
+        sums.enforced = row.number<uint64_t>();
+        sums.monitored = row.number<uint64_t>();
+        sums.counted = row.number<uint64_t>();
+        facts_.cells[key].add(sums);
+    };
+    const auto query = [&](const std::string &from, const char *time, const std::string &sums) {
+        return ask("SELECT " + bucketOf(time) + " AS Bucket, " + box_ + " AS Name, Application, AppGroup, " +
+                       sums + " FROM " + from + " GROUP BY Bucket, Name, Application, AppGroup",
+                   take);
+    };
+    const int64_t before = facts_.period.before;
+    return query(growing(), "Time", "sum(Packets), sum(Bytes), sum(Begins), 0, 0") &&
+           query("monitoring FINAL WHERE " + during("Time", before), "Time", "0, 0, 0, count(), 0") &&
+           query("applications FINAL WHERE " + during("Hour", before), "Hour", "0, 0, 0, 0, sum(Flows)");
+}
+
+// Every line of a flow at both of its hosts, `hosts` of them only.
+std::string Questions::contacts(const std::string &hosts) const {
+    const auto side = [&](const std::string &source, const char *sums) {
+        return "SELECT Time, Box, Application, " + std::string(sums) +
+               ", arrayJoin(if(A = B, [A], [A, B])) AS Host FROM " + source;
+    };
+    const std::string monitored =
+        "(SELECT Time, Box, Application, IpA AS A, IpB AS B FROM monitoring FINAL WHERE " +
+        during("Time", facts_.period.before) + ")";
+    const std::string both =
+        side(growing(),
+             "toUInt64(Packets) AS Packets, toUInt64(Bytes) AS Bytes, toUInt64(Begins) AS Enforced, "
+             "toUInt64(0) AS Monitored") +
+        " UNION ALL " +
+        side(monitored,
+             "toUInt64(0) AS Packets, toUInt64(0) AS Bytes, toUInt64(0) AS Enforced, toUInt64(1) AS "
+             "Monitored");
+    return "(SELECT * FROM (" + both + ")" + (hosts.empty() ? "" : " WHERE Host IN (" + hosts + ")") + ")";
+}
+
+bool Questions::readTalkers() {
+    std::string hosts;
+    // As text: IPv4 in its own form.
+    const std::string shown =
+        "replaceRegexpOne(IPv6NumToString(Host), '^::ffff:(\\\\d+\\\\.\\\\d+\\\\.\\\\d+\\\\.\\\\d+)$', "
+        "'\\\\1')";
+    if (!ask("SELECT hex(Host), " + shown +
+                 " AS Text, sum(Bytes) AS b, sum(Enforced) + sum(Monitored) AS n FROM " + contacts("") +
+                 " WHERE Time >= " + timeText(facts_.period.from) +
+                 " GROUP BY Host ORDER BY b DESC, n DESC, Text LIMIT " + std::to_string(kMostTalkers),
+             [&](Row &row) {
+                 hosts +=
+                     (hosts.empty() ? "" : ", ") + ("toFixedString(unhex(" + quoted(row.text()) + "), 16)");
+                 (void)facts_.talkers.of(row.text());
+             }))
+        return false;
+    if (hosts.empty()) return true;
+    return ask("SELECT " + shown + " AS Text, " + bucketOf("Time") + " AS Bucket, " + box_ +
+                   " AS Name, Application, sum(Packets), sum(Bytes), sum(Enforced), sum(Monitored) FROM " +
+                   contacts(hosts) + " GROUP BY Text, Bucket, Name, Application",
+               [&](Row &row) {
+                   TalkerKey key{};
+                   key.talker = facts_.talkers.of(row.text());
+                   key.bucket = row.number<int32_t>();
+                   key.box = facts_.boxes.of(row.text());
+                   key.application = facts_.applications.of(row.text());
+                   Sums &sums = facts_.talkerCells[key];
+                   sums.packets = row.number<uint64_t>();
+                   sums.bytes = row.number<uint64_t>();
+                   sums.enforced = row.number<uint64_t>();
+                   sums.monitored = row.number<uint64_t>();
+               });
+}
+
+}  // namespace
+
+bool factsFromClickHouse(const Server &server, const Wanted &wanted, Facts &facts, std::string &error) {
+    facts.source = "ClickHouse";
+    Questions questions(server, facts, error);
+    return questions.findPeriod(wanted) && questions.countLines() && questions.findBoxes() &&
+           questions.readCells() && questions.readTalkers();
+}
+
+}  // namespace fleet
