@@ -22,6 +22,7 @@ struct Line {
     uint64_t flow, packets, bytes;
     int64_t time, start;
     uint32_t box, application, group;
+    uint32_t shown;  // the box as the page names it
     uint32_t flows;
     am::RecordAddress ipA, ipB;
     am::RecordKind kind;
@@ -76,6 +77,7 @@ void FolderReader::readFile(am::RecordKind kind, uint32_t box) {
                               .box = box,
                               .application = nameOf(facts_.applications, line.application),
                               .group = nameOf(facts_.groups, line.group),
+                              .shown = box,
                               .flows = line.flows,
                               .ipA = line.ipA,
                               .ipB = line.ipB,
@@ -143,7 +145,7 @@ void sum(const std::vector<Line> &lines, Facts &facts) {
     forEachLine(lines, period, [&](const Line &line, const Sums &sums) {
         facts.lines[static_cast<size_t>(line.kind)]++;
         const int32_t bucket = period.bucketOf(line.time);
-        facts.cells[{bucket, line.box, line.application, line.group}].add(sums);
+        facts.cells[{bucket, line.shown, line.application, line.group}].add(sums);
         if (line.kind == am::RecordKind::Application || bucket < 0) return;
         talkers[line.ipA].add(sums);
         if (line.ipA != line.ipB) talkers[line.ipB].add(sums);
@@ -165,12 +167,32 @@ void sum(const std::vector<Line> &lines, Facts &facts) {
         const auto add = [&](const am::RecordAddress &address) {
             const auto found = numbers.find(address);
             if (found != numbers.end())
-                facts.talkerCells[{found->second, period.bucketOf(line.time), line.box, line.application}]
+                facts.talkerCells[{found->second, period.bucketOf(line.time), line.shown, line.application}]
                     .add(sums);
         };
         add(line.ipA);
         if (line.ipA != line.ipB) add(line.ipB);
     });
+}
+
+// With more boxes than a page names, those with most lines keep their names.
+void nameBoxes(std::vector<Line> &lines, Facts &facts) {
+    const std::vector<std::string> before = facts.boxes.all();
+    if (before.size() <= kMostBoxes) return;
+    std::vector<std::pair<int64_t, uint32_t>> counts(before.size());
+    for (uint32_t box = 0; box < counts.size(); box++) counts[box].second = box;
+    for (const Line &line : lines)
+        if (line.time >= facts.period.before && line.time < facts.period.to &&
+            line.kind != am::RecordKind::Application)
+            counts[line.box].first--;
+    std::sort(counts.begin(), counts.end(), [&before](const auto &one, const auto &other) {
+        return std::tie(one.first, before[one.second]) < std::tie(other.first, before[other.second]);
+    });
+    facts.boxes = Names();
+    std::vector<uint32_t> shown(before.size());
+    for (size_t i = 0; i < counts.size(); i++)
+        shown[counts[i].second] = facts.boxes.of(i < kMostBoxes ? before[counts[i].second] : kOtherBoxes);
+    for (Line &line : lines) line.shown = shown[line.box];
 }
 
 std::string hostName() {
@@ -208,6 +230,7 @@ bool factsFromFolder(const std::string &folder, const Wanted &wanted, Facts &fac
     }
     last = wanted.to != 0 ? latest : last;
     facts.period = periodOf(std::min(first, last), last, wanted.seconds);
+    nameBoxes(lines, facts);
     sortByFlow(lines, facts);
     sum(lines, facts);
     return true;

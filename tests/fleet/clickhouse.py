@@ -135,5 +135,6 @@ class Cluster:
 
     def apply(self, node, path):
         """As clickhouse-client --multiquery does, which wants the whole of it read."""
-        subprocess.run(["clickhouse-client", "--host", ADDRESS, "--port", str(node.native), "--multiquery"],
-                       stdin=open(path, encoding="utf-8"), check=True, cwd=node.folder)
+        with open(path, encoding="utf-8") as statements:
+            subprocess.run(["clickhouse-client", "--host", ADDRESS, "--port", str(node.native), "--multiquery"],
+                           stdin=statements, check=True, cwd=node.folder)
