@@ -119,7 +119,7 @@ stage_lint() {
     tools/check-includes
     say "static analysis"
     # The compilation database names g++; clang-tidy reads it as it stands.
-    git ls-files 'src/*.cpp' 'platform/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/release
+    git ls-files 'src/*.cpp' 'platform/*.cpp' 'fleet/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/release
 }
 
 stage_release() { say "g++ build and all tests"; build release; ctest_preset release; }

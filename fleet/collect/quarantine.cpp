@@ -84,7 +84,8 @@ long Quarantine::add(const std::string &box, am::RecordKind kind, const std::str
     for (const BadLine &line : lines) {
         std::string entry = std::string(line.reason) + '\t' + printable(line.text);
         if (known.contains(entry)) continue;
-        text += head + std::to_string(line.number) + '\t' + std::to_string(line.offset) + '\t' + entry + '\n';
+        text.append(head).append(std::to_string(line.number)).append(1, '\t');
+        text.append(std::to_string(line.offset)).append(1, '\t').append(entry).append(1, '\n');
         added++;
     }
     if (added == 0) return 0;

@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "common/descriptor.h"
 
@@ -23,7 +24,9 @@ struct Place {
     std::string folder;  // below the spool: the box's name
     std::string name;
 
-    auto operator<=>(const Place &) const = default;
+    bool operator<(const Place &other) const {
+        return std::tie(folder, name) < std::tie(other.folder, other.name);
+    }
 };
 
 // What changes when somebody writes to a file.

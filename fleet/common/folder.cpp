@@ -63,6 +63,7 @@ void forEachFolder(
     const std::function<void(const std::string &path, const std::vector<std::string> &files)> &visit) {
     std::vector<std::pair<std::string, int>> ahead{{"", 0}};
     std::vector<std::string> files;
+    std::string below;
     while (!ahead.empty()) {
         const auto [path, depth] = std::move(ahead.back());
         ahead.pop_back();
@@ -71,6 +72,8 @@ void forEachFolder(
         const std::unique_ptr<DIR, CloseFolder> entries(fdopendir(dup(folder.get())));
         if (!entries) continue;
         files.clear();
+        below = path;
+        if (!path.empty()) below += '/';
         while (const dirent *const entry = readdir(entries.get())) {
             std::string name = entry->d_name;
             if (name[0] == '.' && !hidden(name)) continue;
@@ -78,7 +81,7 @@ void forEachFolder(
             if (kind == S_IFREG)
                 files.push_back(std::move(name));
             else if (kind == S_IFDIR && name[0] != '.' && depth < kFolderDepth)
-                ahead.emplace_back(path.empty() ? name : path + '/' + name, depth + 1);
+                ahead.emplace_back(below + name, depth + 1);
         }
         visit(path, files);
     }

@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -53,7 +54,10 @@ struct CellKey {
     int32_t bucket;  // -1: the period before
     uint32_t box, application, group;
 
-    auto operator<=>(const CellKey &) const = default;
+    bool operator<(const CellKey &other) const {
+        return std::tie(bucket, box, application, group) <
+               std::tie(other.bucket, other.box, other.application, other.group);
+    }
 };
 
 struct TalkerKey {
@@ -61,7 +65,10 @@ struct TalkerKey {
     int32_t bucket;
     uint32_t box, application;
 
-    auto operator<=>(const TalkerKey &) const = default;
+    bool operator<(const TalkerKey &other) const {
+        return std::tie(talker, bucket, box, application) <
+               std::tie(other.talker, other.bucket, other.box, other.application);
+    }
 };
 
 inline constexpr size_t kMostTalkers = 200;  // in a page

@@ -91,7 +91,7 @@ int64_t lengthOf(int64_t year, int64_t month) {
 bool readTime(std::string_view text, int64_t &out) {
     constexpr std::string_view kShape = "0000-00-00 00:00:00";
     if (text.size() != kShape.size()) return false;
-    for (const size_t place : {4, 7, 10, 13, 16})
+    for (const size_t place : {4U, 7U, 10U, 13U, 16U})
         if (text[place] != kShape[place]) return false;
     int64_t year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
     if (!readDigits(text.substr(0, 4), year) || !readDigits(text.substr(5, 2), month) ||

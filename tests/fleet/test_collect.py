@@ -20,7 +20,7 @@ TABLES = {"enforcement": "enforcement", "monitoring": "monitoring", "application
 
 def generate(folder, seed, boxes, lines, seconds=DAY):
     folder.mkdir(exist_ok=True)
-    subprocess.run([BUILD / "bench/fleet-generate", folder, str(seed), str(boxes), str(lines), "3",
+    subprocess.run([BUILD / "bench/fleet/fleet-generate", folder, str(seed), str(boxes), str(lines), "3",
                     str(int(time.time())), str(seconds)], check=True)
 
 
