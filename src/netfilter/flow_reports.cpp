@@ -204,6 +204,7 @@ enum class Dump : uint8_t { adopt, report };
 struct Dumping {
     Dump purpose;
     bool complete;
+    unsigned connections, reports;
 };
 
 template <class Ip>
@@ -216,13 +217,16 @@ void takeDumped(const Connection &connection, Dumping &dumping) {
     if (!Ip::current.add(now)) dumping.complete = false;
     const Counted<typename Ip::Key> *const before = Ip::last.find(key);
     const bool changed = !before || before->packets != now.packets || before->bytes != now.bytes;
-    if (changed && !aged) report<Ip>(now, false);
+    if (!changed || aged) return;
+    dumping.reports++;
+    report<Ip>(now, false);
 }
 
 void visitConnection(const nlmsghdr *message, void *context) {
     auto &dumping = *static_cast<Dumping *>(context);
     Connection connection;
     if (!readConnection(message, connection)) return;
+    dumping.connections++;
     if (connection.original.family == AF_INET6)
         takeDumped<V6>(connection, dumping);
     else
@@ -274,7 +278,7 @@ bool readEnds(int receives) {
 
 void dump(Dump purpose) {
     if (!dumps) return;
-    Dumping dumping{purpose, true};
+    Dumping dumping{purpose, true, 0, 0};
     V4::current = {};
     V6::current = {};
     dumpBegan = time(nullptr);
@@ -287,6 +291,8 @@ void dump(Dump purpose) {
     if (error != 0)
         amLog(AM_LOG_ERROR, "%s:%d cannot read the kernel's connections: %s\n", "reportConnections", __LINE__,
               strerror(-error));
+    amLog(AM_LOG_DEBUG, "%s:%d %u enforced connections, %u reported\n", "reportConnections", __LINE__,
+          dumping.connections, dumping.reports);
     if (error != 0 || !dumping.complete || purpose == Dump::adopt)
         return;  // what is missing in it may be there
     while (!readEnds(kReceivesAtOnce)) {

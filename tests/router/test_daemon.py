@@ -86,9 +86,15 @@ class Router:
         return wait_until(lambda: re.search(pattern, text_of(world.LOG)), f"a line of log: {pattern}", timeout)
 
     def records(self):
-        """Lines of the record file, by column: the daemon's clock passes a report and the writing of the file."""
-        self.world.advance(901)
-        self.world.advance(901)
+        """Lines of the record file, by column: the daemon's clock passes a report, and then the writing of the file."""
+        def reports():
+            self.world.settle()
+            return text_of(world.LOG).count("enforced connections, ")
+        self.world.log_level("DEBUG")
+        for _ in range(2):
+            before = reports()
+            self.world.advance(901)
+            wait_until(lambda: reports() > before, "a report")
         lines = text_of(RECORDS).splitlines()
         return [dict(zip(lines[0].split(","), line.split(","))) for line in lines[1:]]
 
