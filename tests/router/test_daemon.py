@@ -251,6 +251,28 @@ class Daemon(unittest.TestCase):
             self.assertTrue(marked)
             self.assertNotIn("lost", text_of(world.LOG))
 
+    def test_a_day_leaves_one_line_for_each_flow_and_nothing_behind(self):
+        with Router("dns", daemon={"clock": True}) as router:
+            router.enforce(web=["DNS"])
+            quarters, flows = 96, 10
+
+            def held():
+                return len(os.listdir(f"/proc/{router.world.daemon.pid}/fd")), router.world.status("VmRSS")
+            for quarter in range(quarters):
+                router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, flows, 1000)
+                wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == flows, "every mark")
+                router.lab.end_connections()
+                router.world.advance(901)
+                if quarter == quarters // 8:
+                    before = held()
+            lines = router.records()
+            self.assertEqual(len(lines), quarters * flows)
+            self.assertEqual({(line["pktCount"], line["End"] == "-") for line in lines}, {("2", False)})
+            descriptors, memory = held()
+            self.assertEqual(descriptors, before[0])
+            if not os.environ.get("KORVID_SANITIZE"):
+                self.assertLess(memory - before[1], 512, "kB more than in the morning")
+
     def test_what_the_socket_has_no_room_for_is_counted(self):
         with Router("dns") as router:
             router.world.daemon.send(signal.SIGSTOP)
