@@ -54,9 +54,10 @@ class Questions {
     [[nodiscard]] bool ask(const std::string &query, const Take &take);
 
     [[nodiscard]] std::string during(const char *column, int64_t begin) const;
-    [[nodiscard]] std::string growing() const;
+    [[nodiscard]] std::string growing(const std::string &among) const;
+    [[nodiscard]] std::string grown() const;
     [[nodiscard]] std::string bucketOf(const char *time) const;
-    [[nodiscard]] std::string contacts(const std::string &hosts) const;
+    [[nodiscard]] bool rankTalkers(std::string &hosts);
 
     ClickHouse server_;
     Facts &facts_;
@@ -66,9 +67,7 @@ class Questions {
 
 template <class Take>
 bool Questions::ask(const std::string &query, const Take &take) {
-    // Sums over more flows than memory holds go through files.
-    constexpr char kSettings[] = " SETTINGS max_bytes_before_external_group_by = 3000000000";
-    if (!server_.query(query + kSettings)) {
+    if (!server_.query(query)) {
         error_ = server_.error();
         return false;
     }
@@ -78,6 +77,18 @@ bool Questions::ask(const std::string &query, const Take &take) {
         take(row);
     }
     return true;
+}
+
+// Sums over more flows than memory holds go through files.  A box's lines are on one shard, so that each
+// shard may finish its flows alone: what comes of them need not be merged.
+constexpr char kByFlow[] =
+    " SETTINGS max_bytes_before_external_group_by = 3000000000, distributed_group_by_no_merge = 1";
+
+// growth() of facts.h, of two columns.
+std::string growth(const std::string &now, const std::string &before) {
+    const std::string turned = "(" + now + " + 4294967296)";
+    return "if(" + now + " >= " + before + ", toUInt64(" + now + " - " + before + "), if(" + turned + " >= " + before +
+           ", toUInt64(" + turned + " - " + before + "), toUInt64(0)))";
 }
 
 std::string timeText(int64_t time) {
@@ -96,24 +107,41 @@ std::string Questions::bucketOf(const char *time) const {
            std::to_string(facts_.period.bucket) + "))";
 }
 
-// What each line of each flow adds to the flow's line before it, with its time.  Equal lines are one, as they
-// are in a set; no FINAL is needed.
-std::string Questions::growing() const {
-    const std::string lookBack = std::to_string(facts_.period.lookBack());
-    return "(SELECT Box, A, B, L[i].1 AS Time, L[i].4 AS Application, L[i].5 AS AppGroup,"
-           " i = 1 AND Begin >= " +
-           lookBack +
-           " AS Begins,"
-           " if(i = 1, if(Begins, toInt64(L[i].2), 0), toInt64(L[i].2) - toInt64(L[i - 1].2)) AS B0,"
-           " if(i = 1, if(Begins, toInt64(L[i].3), 0), toInt64(L[i].3) - toInt64(L[i - 1].3)) AS P0,"
-           " if(B0 < 0, greatest(B0 + 4294967296, 0), B0) AS Bytes,"
-           " if(P0 < 0, greatest(P0 + 4294967296, 0), P0) AS Packets"
-           " FROM (SELECT Box, Flow, any(IpA) AS A, any(IpB) AS B, toInt64(toUInt32(min(Start))) AS Begin,"
-           " arraySort(groupUniqArray((IntEnd, Bytes, Packets, Application, AppGroup))) AS L"
-           " FROM enforcement WHERE " +
-           during("IntEnd", facts_.period.lookBack()) +
-           " GROUP BY Box, Flow) ARRAY JOIN arrayEnumerate(L) AS i WHERE Time >= " +
-           timeText(facts_.period.before) + ")";
+// What each line of each flow adds to the flow's line before it, with its time; `among` may choose lines by
+// their hosts. Equal lines add nothing, so no FINAL is needed.
+std::string Questions::growing(const std::string &among) const {
+    const std::string flows =
+        "SELECT Box, Flow, max(Application) AS App, max(AppGroup) AS Grp, any(IpA) AS A, any(IpB) AS B,"
+        " any(Start) >= " +
+        timeText(facts_.period.lookBack()) +
+        " AS Begins,"
+        " groupArray(IntEnd) AS T, groupArray(Bytes) AS Y, groupArray(Packets) AS P"
+        " FROM enforcement WHERE " +
+        during("IntEnd", facts_.period.lookBack()) + among + " GROUP BY Box, Flow";
+    const std::string ordered =
+        "SELECT *, arraySort(T) AS Ts, arraySort((y, t) -> (t, y), Y, T) AS Ys,"
+        " arraySort((p, t) -> (t, p), P, T) AS Ps FROM (" +
+        flows + ")";
+    const auto steps = [](const std::string &counts) {
+        return "arrayMap((now, before) -> " + growth("now", "before") + ", " + counts +
+               ", arrayPushFront(arrayPopBack(" + counts + "), if(Begins, toUInt64(0), " + counts + "[1])))";
+    };
+    return "(SELECT Box, App AS Application, Grp AS AppGroup, A, B, Time, toUInt64(i = 1 AND Begins) AS "
+           "Begun, Bytes,"
+           " Packets FROM (" +
+           ordered + ") ARRAY JOIN Ts AS Time, arrayEnumerate(Ts) AS i, " + steps("Ys") + " AS Bytes, " +
+           steps("Ps") + " AS Packets WHERE Time >= " + timeText(facts_.period.before) + ")";
+}
+
+// What each flow adds in the period itself: less work, for the order of talkers.
+std::string Questions::grown() const {
+    const std::string from = timeText(facts_.period.from);
+    return "SELECT any(IpA) AS A, any(IpB) AS B, any(Start) >= " + timeText(facts_.period.lookBack()) +
+           " AS Begins, argMin(Bytes, IntEnd) AS First, argMaxIf(Bytes, IntEnd, IntEnd < " + from +
+           ") AS Then, argMax(Bytes, IntEnd) AS Last, if(min(IntEnd) < " + from +
+           ", Then, if(Begins, toUInt64(0), First)) AS Before, " + growth("Last", "Before") +
+           " AS Grown, toUInt64(Begins AND min(IntEnd) >= " + from + ") AS Flows FROM enforcement WHERE " +
+           during("IntEnd", facts_.period.lookBack()) + " GROUP BY Box, Flow HAVING max(IntEnd) >= " + from;
 }
 
 bool Questions::findPeriod(const Wanted &wanted) {
@@ -160,6 +188,7 @@ bool Questions::findBoxes() {
                  std::to_string(kMostBoxes + 1),
              [&](Row &row) { names.emplace_back(row.text()); }))
         return false;
+    widen(facts_.period, names.size());
     if (names.size() <= kMostBoxes) return true;
     names.pop_back();
     std::string list;
@@ -183,69 +212,69 @@ bool Questions::readCells() {
         sums.counted = row.number<uint64_t>();
         facts_.cells[key].add(sums);
     };
-    const auto query = [&](const std::string &from, const char *time, const std::string &sums) {
+    const auto query = [&](const std::string &from, const char *time, const char *sums,
+                           const char *settings) {
         return ask("SELECT " + bucketOf(time) + " AS Bucket, " + box_ + " AS Name, Application, AppGroup, " +
-                       sums + " FROM " + from + " GROUP BY Bucket, Name, Application, AppGroup",
+                       sums + " FROM " + from + " GROUP BY Bucket, Name, Application, AppGroup" + settings,
                    take);
     };
     const int64_t before = facts_.period.before;
-    return query(growing(), "Time", "sum(Packets), sum(Bytes), sum(Begins), 0, 0") &&
-           query("monitoring FINAL WHERE " + during("Time", before), "Time", "0, 0, 0, count(), 0") &&
-           query("applications FINAL WHERE " + during("Hour", before), "Hour", "0, 0, 0, 0, sum(Flows)");
+    return query(growing(""), "Time", "sum(Packets), sum(Bytes), sum(Begun), 0, 0", kByFlow) &&
+           query("monitoring FINAL WHERE " + during("Time", before), "Time", "0, 0, 0, count(), 0", "") &&
+           query("applications FINAL WHERE " + during("Hour", before), "Hour", "0, 0, 0, 0, sum(Flows)", "");
 }
 
-// Every line of a flow at both of its hosts, `hosts` of them only.
-std::string Questions::contacts(const std::string &hosts) const {
-    const auto side = [&](const std::string &source, const char *sums) {
-        return "SELECT Time, Box, Application, " + std::string(sums) +
-               ", arrayJoin(if(A = B, [A], [A, B])) AS Host FROM " + source;
-    };
+// Both hosts of a flow, one if it talks to itself.
+constexpr char kHosts[] = "arrayJoin(if(A = B, [A], [A, B])) AS Host";
+// As text, IPv4 in its own form.
+constexpr char kHostText[] =
+    R"(replaceRegexpOne(IPv6NumToString(Host), '^::ffff:(\\d+\\.\\d+\\.\\d+\\.\\d+)$', '\\1'))";
+
+bool Questions::rankTalkers(std::string &hosts) {
     const std::string monitored =
-        "(SELECT Time, Box, Application, IpA AS A, IpB AS B FROM monitoring FINAL WHERE " +
-        during("Time", facts_.period.before) + ")";
-    const std::string both =
-        side(growing(),
-             "toUInt64(Packets) AS Packets, toUInt64(Bytes) AS Bytes, toUInt64(Begins) AS Enforced, "
-             "toUInt64(0) AS Monitored") +
-        " UNION ALL " +
-        side(monitored,
-             "toUInt64(0) AS Packets, toUInt64(0) AS Bytes, toUInt64(0) AS Enforced, toUInt64(1) AS "
-             "Monitored");
-    return "(SELECT * FROM (" + both + ")" + (hosts.empty() ? "" : " WHERE Host IN (" + hosts + ")") + ")";
+        "SELECT IpA AS A, IpB AS B, toUInt64(0) AS Bytes, toUInt64(1) AS Flows FROM monitoring FINAL WHERE " +
+        during("Time", facts_.period.from);
+    const std::string contacts = "SELECT A, B, Grown AS Bytes, Flows FROM (" + grown() + ") UNION ALL " + monitored;
+    return ask(
+        std::string("SELECT hex(Host), ") + kHostText +
+            " AS Text, sum(Bytes) AS b, sum(Flows) AS n FROM (SELECT " + kHosts + ", Bytes, Flows FROM (" +
+            contacts + ")) GROUP BY Host ORDER BY b DESC, n DESC, Text LIMIT " +
+            std::to_string(kMostTalkers) + kByFlow,
+        [&](Row &row) {
+            hosts += (hosts.empty() ? "" : ", ") + ("toFixedString(unhex(" + quoted(row.text()) + "), 16)");
+            (void)facts_.talkers.of(row.text());
+        });
 }
 
 bool Questions::readTalkers() {
     std::string hosts;
-    // As text: IPv4 in its own form.
-    const std::string shown =
-        "replaceRegexpOne(IPv6NumToString(Host), '^::ffff:(\\\\d+\\\\.\\\\d+\\\\.\\\\d+\\\\.\\\\d+)$', "
-        "'\\\\1')";
-    if (!ask("SELECT hex(Host), " + shown +
-                 " AS Text, sum(Bytes) AS b, sum(Enforced) + sum(Monitored) AS n FROM " + contacts("") +
-                 " WHERE Time >= " + timeText(facts_.period.from) +
-                 " GROUP BY Host ORDER BY b DESC, n DESC, Text LIMIT " + std::to_string(kMostTalkers),
-             [&](Row &row) {
-                 hosts +=
-                     (hosts.empty() ? "" : ", ") + ("toFixedString(unhex(" + quoted(row.text()) + "), 16)");
-                 (void)facts_.talkers.of(row.text());
-             }))
-        return false;
+    if (!rankTalkers(hosts)) return false;
     if (hosts.empty()) return true;
-    return ask("SELECT " + shown + " AS Text, " + bucketOf("Time") + " AS Bucket, " + box_ +
-                   " AS Name, Application, sum(Packets), sum(Bytes), sum(Enforced), sum(Monitored) FROM " +
-                   contacts(hosts) + " GROUP BY Text, Bucket, Name, Application",
-               [&](Row &row) {
-                   TalkerKey key{};
-                   key.talker = facts_.talkers.of(row.text());
-                   key.bucket = row.number<int32_t>();
-                   key.box = facts_.boxes.of(row.text());
-                   key.application = facts_.applications.of(row.text());
-                   Sums &sums = facts_.talkerCells[key];
-                   sums.packets = row.number<uint64_t>();
-                   sums.bytes = row.number<uint64_t>();
-                   sums.enforced = row.number<uint64_t>();
-                   sums.monitored = row.number<uint64_t>();
-               });
+    const std::string among = " AND (IpA IN (" + hosts + ") OR IpB IN (" + hosts + "))";
+    const std::string monitored =
+        "(SELECT Box, Application, Time, IpA AS A, IpB AS B FROM monitoring FINAL WHERE " +
+        during("Time", facts_.period.before) + among + ")";
+    const auto query = [&](const std::string &from, const char *columns, const char *settings) {
+        return ask(std::string("SELECT ") + kHostText + " AS Text, " + bucketOf("Time") + " AS Bucket, " +
+                       box_ + " AS Name, Application, " + columns + " FROM (SELECT *, " + kHosts + " FROM " +
+                       from + ") WHERE Host IN (" + hosts + ") GROUP BY Text, Bucket, Name, Application" +
+                       settings,
+                   [&](Row &row) {
+                       TalkerKey key{};
+                       key.talker = facts_.talkers.of(row.text());
+                       key.bucket = row.number<int32_t>();
+                       key.box = facts_.boxes.of(row.text());
+                       key.application = facts_.applications.of(row.text());
+                       Sums sums;
+                       sums.packets = row.number<uint64_t>();
+                       sums.bytes = row.number<uint64_t>();
+                       sums.enforced = row.number<uint64_t>();
+                       sums.monitored = row.number<uint64_t>();
+                       facts_.talkerCells[key].add(sums);
+                   });
+    };
+    return query(growing(among), "sum(Packets), sum(Bytes), sum(Begun), 0", kByFlow) &&
+           query(monitored, "0, 0, 0, count()", "");
 }
 
 }  // namespace

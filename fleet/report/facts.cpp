@@ -94,6 +94,12 @@ Period periodOf(int64_t first, int64_t last, int64_t seconds) {
     return period;
 }
 
+void widen(Period &period, size_t boxes) {
+    constexpr size_t kManyBoxes = 50;
+    constexpr int64_t kFewBuckets = 24;
+    while (boxes > kManyBoxes && period.to - period.from > period.bucket * kFewBuckets) period.bucket *= 2;
+}
+
 void Sums::add(const Sums &other) {
     packets += other.packets;
     bytes += other.bytes;

@@ -30,6 +30,9 @@ struct Period {
 // The period of so many seconds that ends with the newest of the records, whose oldest is `first`.
 Period periodOf(int64_t first, int64_t last, int64_t seconds);
 
+// Longer buckets where there are many boxes to tell apart.
+void widen(Period &period, size_t boxes);
+
 struct Sums {
     uint64_t packets = 0, bytes = 0;  // of enforced flows
     uint64_t enforced = 0;            // flows that began

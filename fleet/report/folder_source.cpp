@@ -87,13 +87,10 @@ void FolderReader::readFile(am::RecordKind kind, uint32_t box) {
 }
 
 // Lines of a flow stand together, in the order in which it grew.
-void sortByFlow(std::vector<Line> &lines, const Facts &facts) {
-    const auto &applications = facts.applications.all(), &groups = facts.groups.all();
-    std::sort(lines.begin(), lines.end(), [&](const Line &one, const Line &other) {
-        return std::tie(one.kind, one.box, one.flow, one.time, one.bytes, one.packets,
-                        applications[one.application], groups[one.group]) <
-               std::tie(other.kind, other.box, other.flow, other.time, other.bytes, other.packets,
-                        applications[other.application], groups[other.group]);
+void sortByFlow(std::vector<Line> &lines) {
+    std::sort(lines.begin(), lines.end(), [](const Line &one, const Line &other) {
+        return std::tie(one.kind, one.box, one.flow, one.time, one.bytes, one.packets) <
+               std::tie(other.kind, other.box, other.flow, other.time, other.bytes, other.packets);
     });
 }
 
@@ -117,6 +114,34 @@ Sums sumsOf(const Line &line, const Line *before, const Period &period) {
 bool sameFlow(const Line &one, const Line &other) {
     return one.kind == other.kind && one.kind == am::RecordKind::Enforcement && one.box == other.box &&
            one.flow == other.flow;
+}
+
+// A flow has one application: "-", once its line says that the application is on no list any more, yields to
+// its name.
+void nameFlows(std::vector<Line> &lines, const Facts &facts) {
+    const auto later = [](const Names &names, uint32_t one, uint32_t other) {
+        return names.all()[one] < names.all()[other] ? other : one;
+    };
+    for (auto first = lines.begin(); first != lines.end();) {
+        const auto end = std::find_if_not(
+            first, lines.end(), [&](const Line &line) { return &line == &*first || sameFlow(*first, line); });
+        uint32_t application = first->application, group = first->group;
+        const auto looked = [&facts](const Line &line) {
+            return line.time >= facts.period.lookBack() && line.time < facts.period.to;
+        };
+        bool any = false;
+        for (auto line = first; line != end; ++line) {
+            if (!looked(*line)) continue;
+            application = any ? later(facts.applications, application, line->application) : line->application;
+            group = any ? later(facts.groups, group, line->group) : line->group;
+            any = true;
+        }
+        for (auto line = first; line != end; ++line) {
+            line->application = application;
+            line->group = group;
+        }
+        first = end;
+    }
 }
 
 struct HashAddress {
@@ -231,7 +256,9 @@ bool factsFromFolder(const std::string &folder, const Wanted &wanted, Facts &fac
     last = wanted.to != 0 ? latest : last;
     facts.period = periodOf(std::min(first, last), last, wanted.seconds);
     nameBoxes(lines, facts);
-    sortByFlow(lines, facts);
+    widen(facts.period, facts.boxes.all().size());
+    sortByFlow(lines);
+    nameFlows(lines, facts);
     sum(lines, facts);
     return true;
 }
