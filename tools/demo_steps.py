@@ -171,8 +171,17 @@ def classify(system, mode, capture, name):
           (f"; {unnamed} of no flow that has a verdict (fragments, damaged packets)" if unnamed else ""))
 
 
+def show_page(page):
+    program = world.BUILD / "fleet/korvid-report"
+    if not program.exists():
+        return
+    say("The records as a page, without any server")
+    print(f"$ korvid-report --box switch-7 -o {page} /flash", flush=True)
+    subprocess.run([program, "--box", "switch-7", "-o", page, "/flash"], check=True)
+
+
 def main():
-    mode, capture, name = sys.argv[1:]
+    mode, capture, name, page = sys.argv[1:]
     with world.World() as system:
         say("Message broker, the kernel module's stand-in and the production binary start")
         options = ["--report-interval", "0", "--access-profile", "staff"]
@@ -184,6 +193,8 @@ def main():
         status = system.daemon.stop()
         if status != 0:
             sys.exit(f"demo: korvid ended with {status}: {system.daemon.stderr[-2000:]}")
+        if mode != "shell":
+            show_page(page)
     if mode != "shell":
         program = str(world.DAEMON).removeprefix(f"{world.TREE}/")
         say(f"Done. What ran here is what runs on a switch: {program}")

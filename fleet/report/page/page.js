@@ -12,7 +12,7 @@
     };
     const SUMS = Object.keys(MEASURES);
     const byId = id => document.getElementById(id);
-    const buckets = Math.round((data.to - data.from) / data.bucket);
+    const buckets = Math.ceil((data.to - data.from) / data.bucket);
     const plots = [];
     const pages = new Map();  // of tables, by title
 

@@ -8,7 +8,7 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-TREE = pathlib.Path(__file__).resolve().parent.parent.parent
+TREE = pathlib.Path(__file__).resolve().parent.parent
 SERVER = "/usr/sbin/clickhouse-server"
 ADDRESS = "127.0.0.1"
 
