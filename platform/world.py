@@ -290,6 +290,14 @@ class World:
             raise Failure(reply["error"]["errorMessage"])
         return reply["result"]
 
+    def ask(self, method, **arguments):
+        """What the read-only object answers; None for a name that it does not know."""
+        wait_until(lambda: self.ubus("list", "korvid").returncode == 0, "the object korvid")
+        done = self.ubus("call", "korvid", method, json.dumps(arguments))
+        if done.returncode not in (0, 4):  # 4: not found
+            raise Failure(f"korvid {method} {arguments}: status {done.returncode}")
+        return json.loads(done.stdout) if done.returncode == 0 else None
+
     # Things that tests do all the time.
 
     def install_kit(self, **kit):

@@ -26,6 +26,7 @@ extern "C" {
 #include "records/enf_records.h"
 #include "records/mon_records.h"
 #include "records/verdict.h"
+#include "show/korvid_object.h"
 #include "ubus/bus_object.h"
 
 namespace {
@@ -72,6 +73,7 @@ void startUp(int argc, char *const *argv) {
     amStartEnfFlowDbTimer();  // before the capture thread, which must not touch the event loop
     amPktCaptureThread();
     amParseConfigFromFile();
+    amPublishKorvidObject();
 }
 
 void shutDown() {

@@ -25,13 +25,32 @@ AmAppNode *appOf(RbtNode *node) {
     return reinterpret_cast<AmAppNode *>(node);
 }
 
+constinit uint64_t flowsOfEarlierArrays = 0;
+
+uint64_t flowsIn(const AmActiveApp *entries, uint32_t count) {
+    uint64_t flows = 0;
+    for (uint32_t id = 0; entries && id < count; id++)
+        flows += entries[id].flowsSeen.load(std::memory_order_relaxed);
+    return flows;
+}
+
+// No verdict reaches the array any more.
+void freeArray(AmActiveApp *entries, uint32_t count) {
+    flowsOfEarlierArrays += flowsIn(entries, count);
+    free(entries);
+}
+
 // Swaps the array for `entries`, which may be null, and hands back the one that was there, for the caller to
-// free outside the lock.
-AmActiveApp *exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock) {
+// free outside the lock, with the number of its entries.
+struct OldArray {
+    AmActiveApp *entries;
+    uint32_t count;
+};
+OldArray exchangeArray(AmActiveApp *entries, uint32_t count) EXCLUDES(amModelLock) {
     amModelChanges++;
     const AmGuard guard(amModelLock);
-    amMaxAppIdCount = count;
-    return std::exchange(amActData, entries);
+    const uint32_t oldCount = std::exchange(amMaxAppIdCount, count);
+    return {std::exchange(amActData, entries), oldCount};
 }
 
 }  // namespace
@@ -92,7 +111,8 @@ void amRebuildActiveAppArray(const char *op, int line) {
     const auto count = static_cast<uint32_t>(amAppPoolShmSigCnt + 1);
     // The allocator's zero pages: an index with one high id costs no memory for the ids that it leaves out.
     auto *entries = static_cast<AmActiveApp *>(calloc(count, sizeof(AmActiveApp)));
-    free(exchangeArray(entries, count));
+    const OldArray old = exchangeArray(entries, count);
+    freeArray(old.entries, old.count);
     amLog(AM_LOG_DEBUG, "%s:%d amMaxAppIdCount %d amAppPoolShmSigCnt %d\n", op, line, static_cast<int>(count),
           amAppPoolShmSigCnt);
     if (!entries) {
@@ -121,6 +141,12 @@ void amCleanAppList() {
     amModelChanges++;
     amModelLock.lock();
     AmActiveApp *entries = std::exchange(amActData, nullptr);
+    const uint32_t count = amMaxAppIdCount;
     amModelLock.unlock();
-    free(entries);
+    freeArray(entries, count);
+}
+
+uint64_t am::flowsJudged() {
+    amModelLock.soleWriterReads();
+    return flowsOfEarlierArrays + flowsIn(amActData, amMaxAppIdCount);
 }

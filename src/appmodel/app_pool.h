@@ -54,8 +54,14 @@ struct AmActiveApp {
     uint8_t isMonitoring GUARDED_BY(amModelLock);   // 0 or 1
     uint8_t isEnforcement GUARDED_BY(amModelLock);  // 0 or 1
     uint8_t isPartOfGroup GUARDED_BY(amModelLock);  // 1 while grpName is set
+    // Since the array was built, for people to look at: classified flows, added to by the callback, and when
+    // the last of them was, in seconds since the epoch (0: none so far).
+    std::atomic<uint32_t> flowsSeen;
+    std::atomic<uint32_t> lastSeen;
+    // Of enforced flows that have ended, as the kernel counted them.  Event-loop thread.
+    uint64_t endedPackets, endedBytes;
 };
-static_assert(sizeof(AmActiveApp) == 80 && std::atomic<uint32_t>::is_always_lock_free);
+static_assert(sizeof(AmActiveApp) == 104 && std::atomic<uint32_t>::is_always_lock_free);
 
 extern RbtTree amAppPoolTree;       // of AmAppNode, by name; event-loop thread only
 extern int32_t amAppPoolShmSigCnt;  // highest id of the last index read
@@ -63,6 +69,11 @@ extern int32_t amAppPoolShmSigCnt;  // highest id of the last index read
 // amMaxAppIdCount entries, or null; the count holds the size even when the array could not be allocated.
 extern AmActiveApp *amActData GUARDED_BY(amModelLock);
 extern uint32_t amMaxAppIdCount GUARDED_BY(amModelLock);
+
+namespace am {
+// Classified flows since the start of the process, those of earlier arrays included.  Event-loop thread.
+uint64_t flowsJudged();
+}  // namespace am
 
 int amAppPoolNameCompare(const RbtNode *a, const RbtNode *b);  // over 32 characters
 

@@ -16,6 +16,14 @@ void amWriteConfigToFile();
 // Reads the file and applies it; a missing or unusable file applies nothing.
 void amParseConfigFromFile();
 
+namespace am {
+
+// Whether what a save would write has changed since the file was written or read the last time.
+bool configChanged();
+void noteConfigInFile();  // it has been written or read
+
+}  // namespace am
+
 // Build the objects of one profile; null without memory.
 cJSON *amWriteGroupConfig();
 cJSON *amWriteMonitorConfig();

@@ -179,5 +179,6 @@ void amParseConfigFromFile() {
 
     int mirroring = 0;
     for (const cJSON *profile = profiles->child; profile; profile = profile->next)
-        if (cJSON_IsObject(profile) && !applyProfile(profile, mirroring)) return;
+        if (cJSON_IsObject(profile) && !applyProfile(profile, mirroring)) break;
+    am::noteConfigInFile();
 }

@@ -17,6 +17,31 @@ constinit int32_t reloadSignFile = 0;
 
 namespace {
 
+// What tells one configuration from the next.
+struct Mark {
+    uint32_t modelChanges;
+    int32_t reloadSignFile;
+    int adminState;
+    bool operator==(const Mark &) const = default;
+};
+constinit Mark saved{};
+
+Mark mark() {
+    return {amModelChanges, reloadSignFile, amAdminState.load(std::memory_order_relaxed)};
+}
+
+}  // namespace
+
+bool am::configChanged() {
+    return !(mark() == saved);
+}
+
+void am::noteConfigInFile() {
+    saved = mark();
+}
+
+namespace {
+
 using Json = std::unique_ptr<cJSON, am::Closer<cJSON_Delete>>;
 
 // Members are added through these: they take ownership in every case, and without memory there is no half
@@ -163,6 +188,6 @@ void amWriteConfigToFile() {
     // The line end takes the place of the terminator: the text is not looked at as a C string again.
     const size_t length = strlen(text);
     text[length] = '\n';
-    (void)am::replaceFile(kConfigPath, {text, length + 1});
+    if (am::replaceFile(kConfigPath, {text, length + 1})) am::noteConfigInFile();
     cJSON_free(text);
 }

@@ -52,6 +52,7 @@ void capture(int fd) {
         if (waited.revents & POLLERR) {
             const int error = am::takeSocketError(fd);
             amLog(AM_LOG_ERROR, "%s:%d packet socket error: %s\n", "mainpThread", __LINE__, strerror(error));
+            am::countUp(am::counts.packetOverruns);
             continue;
         }
         if (!(waited.revents & POLLIN)) {

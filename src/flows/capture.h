@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "flows/packet_dump.h"
 #include "kit/engine.h"
@@ -43,7 +44,10 @@ inline void handPacket(const capture_pkt &pkt) REQUIRES(amEngineGate) {
     amEngineYield();
     timeval now;
     gettimeofday(&now, nullptr);
-    if (process_pktptr) process_pktptr(&pkt, &now);
+    if (process_pktptr)
+        process_pktptr(&pkt, &now);
+    else
+        countUp(counts.packetsWithoutEngine);
     // The only writer: no need for the bus lock of an atomic addition.
     amPacketCounter.store(amPacketCounter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "core/armed_timer.h"
+#include "core/counts.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/capture.h"
@@ -140,6 +141,7 @@ void copyFields(Key &to, const Key &from) {
 void activate(auto &flow, const capture_flow_info &info) {
     flow.appId = static_cast<uint16_t>(info.app_id);
     flow.aged = 0;
+    flow.untold = 0;
     flow.startTime = time(nullptr);
 }
 
@@ -151,7 +153,9 @@ bool record(const typename Ip::Flow &probe, const capture_flow_info &info) REQUI
     const RbtPlace place = rbtDescend(&tree, KeyOrder<Flow>(&probe.node));
     if (place.order == 0) {
         auto *known = asFlow<Flow>(place.node);
+        am::countUp(known->aged != 0 ? am::counts.flowsRenewed : am::counts.flowsRepeated);
         if (known->aged != 0) activate(*known, info);
+        known->untold = 0;
         return true;
     }
     void *slot = Ip::records().take();
@@ -182,6 +186,7 @@ int update(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) EXCLUDES(
     amEnfFlowLock.unlock();
     if (!recorded) {
         amLog(AM_LOG_ERROR, "%s:%d malloc failed !!\n", Ip::kUpdate, __LINE__);
+        am::countUp(am::counts.flowsNoMemory);
         return 1;
     }
     if (flow_debug.load(std::memory_order_relaxed) != 0)
@@ -229,6 +234,38 @@ typename Ip::Flow *search(const typename Ip::Key *key) REQUIRES(amEnfFlowLock) {
     copyFields(probe.key, *key);
     const RbtPlace place = rbtDescend(&Ip::tree(), KeyOrder<typename Ip::Flow>(&probe.node));
     return place.order == 0 ? asFlow<typename Ip::Flow>(place.node) : nullptr;
+}
+
+template <class Ip>
+void noteUntold(const capture_flow_info &info) EXCLUDES(amEnfFlowLock) {
+    typename Ip::Key key{};
+    setKey<Ip>(key, info);
+    lockBeforeWalks();
+    if (auto *const flow = search<Ip>(&key)) flow->untold = 1;
+    amEnfFlowLock.unlock();
+}
+
+template <class Ip>
+bool copyOf(const typename Ip::Key &key, typename Ip::Flow &copy) EXCLUDES(amEnfFlowLock) {
+    const AmGuard guard(amEnfFlowLock);
+    const auto *const flow = search<Ip>(&key);
+    if (flow) copy = *flow;
+    return flow != nullptr;
+}
+
+template <class Ip>
+bool copyOfNext(const typename Ip::Key *after, typename Ip::Flow &copy) EXCLUDES(amEnfFlowLock) {
+    typename Ip::Flow probe{};
+    if (after) copyFields(probe.key, *after);
+    lockBehindOthers();
+    const RbtTree &tree = Ip::tree();
+    const RbtPlace place =
+        after ? rbtDescend(&tree, KeyOrder<typename Ip::Flow>(&probe.node)) : RbtPlace{rbtFirst(&tree), -1};
+    const bool isNext = !place.node || place.order < 0;
+    RbtNode *const node = isNext ? place.node : rbtNext(&tree, place.node);
+    if (node) copy = *asFlow<typename Ip::Flow>(node);
+    amEnfFlowLock.unlock();
+    return node != nullptr;
 }
 
 enum class Sweep { aged, all };
@@ -317,6 +354,39 @@ void amCleanAllEnfFlowDb() {
 void amCleanAllEnfFlowDb6() {
     sweep<V6>(Sweep::all);
 }
+
+namespace am {
+
+bool nextEnfFlow(const AmEnfKey4 *after, AmEnfFlow4 &flow) {
+    return copyOfNext<V4>(after, flow);
+}
+
+bool nextEnfFlow(const AmEnfKey6 *after, AmEnfFlow6 &flow) {
+    return copyOfNext<V6>(after, flow);
+}
+
+bool findEnfFlow(const AmEnfKey4 &key, AmEnfFlow4 &flow) {
+    return copyOf<V4>(key, flow);
+}
+
+bool findEnfFlow(const AmEnfKey6 &key, AmEnfFlow6 &flow) {
+    return copyOf<V6>(key, flow);
+}
+
+void noteUntold4(const capture_flow_info &info) {
+    noteUntold<V4>(info);
+}
+
+void noteUntold6(const capture_flow_info &info) {
+    noteUntold<V6>(info);
+}
+
+EnfFlowsHeld enfFlowsHeld() {
+    const AmGuard guard(amEnfFlowLock);
+    return {rbtCount(&amEnfFlowDb), rbtCount(&amEnfFlowDb6)};
+}
+
+}  // namespace am
 
 void forEachEnfFlow4(void (*visit)(const AmEnfFlow4 &flow)) {
     forEach<V4>(visit);

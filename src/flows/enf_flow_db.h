@@ -49,10 +49,12 @@ struct AmEnfFlow {
     Key key;
     uint16_t appId;    // low 16 bits of the engine's id
     uint16_t aged;     // 0 = live, else the kernel's value
+    uint8_t untold;    // 1 = the kernel did not take the last verdict
     time_t startTime;  // seconds since the epoch: created, or renewed after ageing
 };
 using AmEnfFlow4 = AmEnfFlow<AmEnfKey4>;
 using AmEnfFlow6 = AmEnfFlow<AmEnfKey6>;
+static_assert(sizeof(AmEnfFlow4) == 64 && sizeof(AmEnfFlow6) == 88);
 static_assert(offsetof(AmEnfFlow4, node) == 0 && offsetof(AmEnfFlow6, node) == 0);
 
 extern AmMutex amEnfFlowLock ACQUIRED_AFTER(amModelLock);
@@ -86,6 +88,29 @@ void amCleanAgedEnfFlowDb() EXCLUDES(amEnfFlowLock);
 void amCleanAgedEnfFlowDb6() EXCLUDES(amEnfFlowLock);
 void amCleanAllEnfFlowDb() EXCLUDES(amEnfFlowLock);
 void amCleanAllEnfFlowDb6() EXCLUDES(amEnfFlowLock);
+
+namespace am {
+
+// A copy of the record that comes after `key` in tree order, the first one for null.  False after the last.
+// Event-loop thread.
+[[nodiscard]] bool nextEnfFlow(const AmEnfKey4 *after, AmEnfFlow4 &flow) EXCLUDES(amEnfFlowLock);
+[[nodiscard]] bool nextEnfFlow(const AmEnfKey6 *after, AmEnfFlow6 &flow) EXCLUDES(amEnfFlowLock);
+
+// A copy of the flow's record; false if there is none.  Event-loop thread.
+[[nodiscard]] bool findEnfFlow(const AmEnfKey4 &key, AmEnfFlow4 &flow) EXCLUDES(amEnfFlowLock);
+[[nodiscard]] bool findEnfFlow(const AmEnfKey6 &key, AmEnfFlow6 &flow) EXCLUDES(amEnfFlowLock);
+
+// Notes in the flow's record, if it has one, that the kernel did not take its verdict.  Any thread.
+void noteUntold4(const capture_flow_info &info) EXCLUDES(amEnfFlowLock);
+void noteUntold6(const capture_flow_info &info) EXCLUDES(amEnfFlowLock);
+
+// Records held, aged ones included.  Any thread.
+struct EnfFlowsHeld {
+    uint32_t ipv4, ipv6;
+};
+EnfFlowsHeld enfFlowsHeld() EXCLUDES(amEnfFlowLock);
+
+}  // namespace am
 
 // Call `visit` with a copy of every record in tree order, outside the lock; records younger than the walk are
 // left out.  Event-loop thread.

@@ -12,6 +12,7 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <span>
 
 #include "appmodel/app_pool.h"
 #include "kit/engine.h"
@@ -30,6 +31,16 @@ void amCreateNetLinkSockets();
 void amCloseNetLinkSockets() EXCLUDES(amModelLock);
 
 namespace am {
+
+// One of this side's own counters, from the start of the process on.
+struct SideCounter {
+    const char *name;  // "kernel.", then what is counted
+    const std::atomic<uint64_t> *value;
+    const char *cure;  // of a loss: what helps, in one sentence; null for anything else
+};
+std::span<const SideCounter> sideCounters();  // any thread
+
+extern const char *const kernelSideName;  // "switch" or "netfilter"
 
 // Options of the command line, for getopt(3): the daemon's own, then this side's, which are taken one by one
 // before anything else is called.  A value that makes no sense ends the process with status 1 and says so.

@@ -1,5 +1,7 @@
 #include "flows/mirroring.h"
 
+#include <ctime>
+
 #include "core/log.h"
 #include "flows/enf_flow_db.h"
 #include "flows/kernel_side.h"
@@ -16,8 +18,11 @@ void setAdminState(int state) EXCLUDES(amModelLock) {
 
 }  // namespace
 
+constinit int64_t am::mirroringSince = 0;
+
 void amNetLinkMirrorState(int state) {
     if (state == amAdminState.load(std::memory_order_relaxed)) return;
+    am::mirroringSince = time(nullptr);
     if (state == 1) {
         setAdminState(1);
         am::setMirroring(true);

@@ -114,6 +114,16 @@ int amParseAppPoolCsv() {
     return 1;
 }
 
+am::KitVersion am::readKitVersion(const char *directory) {
+    Path path;
+    memberPath(path, directory, "version");
+    const File file = openMember(path);
+    KitVersion version{};
+    if (file && !fgets(version.text, sizeof version.text, file.get())) version.text[0] = '\0';
+    version.text[strcspn(version.text, "\r\n")] = '\0';
+    return version;
+}
+
 int amParseKitVersion() {
     Path path;
     memberPath(path, kKitInstallDir, "version");

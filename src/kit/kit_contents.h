@@ -10,6 +10,16 @@ extern int amKitUpgradeType;                   // 1 when the last version read k
 int amParseKitCompatibality();  // 1 when the test extraction is of a compatible kit
 int amParseKitVersion();        // 1 when the version file was read
 
+namespace am {
+
+// The first line of an extracted kit's version file; empty without one.
+struct KitVersion {
+    char text[50];
+};
+KitVersion readKitVersion(const char *directory);
+
+}  // namespace am
+
 // The application index: text lines of fields separated by runs of ","; the first line is a header.
 //
 //   field 1   application id: decimal, 0 when not numeric, its low 16 bits count

@@ -15,6 +15,7 @@
 #include "kit/engine.h"
 #include "kit/kit_contents.h"
 #include "kit/kit_folders.h"
+#include "kit/kit_state.h"
 #include "kit/md5.h"
 #include "kit/renumbering.h"
 #include "kit/shell.h"
@@ -97,26 +98,35 @@ int amCopyNewKit() {
 }
 
 int dpiValidateKit() {
+    am::noteKitRequest();
     if (!amIsUpgradeKitPresent()) {
         amLog(AM_LOG_ERROR, "%s():%d: app Signature kit not present in /flash\n", __func__, __LINE__);
+        am::noteKitRefused("there is no kit in /flash");
         return 0;
     }
-    if (!am::makeDirectory(kKitScratch, __func__, __LINE__)) return 0;
+    if (!am::makeDirectory(kKitScratch, __func__, __LINE__)) {
+        am::noteKitRefused("/var/flash cannot be made");
+        return 0;
+    }
     if (!amCheckFlashSpace(kKitPath)) {
         amLog(AM_LOG_ERROR, "%s():%d:Insufficient flash space\n", __func__, __LINE__);
+        am::noteKitRefused("not enough space to unpack the kit");
         return 0;
     }
     if (!amCheckIfKitValid()) {
         amLog(AM_LOG_ERROR, "%s():%d: app Signature kit from /flash is malformed\n", __func__, __LINE__);
+        am::noteKitRefused("the file is no kit: tar cannot unpack it");
         return 0;
     }
     if (!amParseKitCompatibality()) {
         amLog(AM_LOG_ERROR, "%s():%d: app Signature kit is not compitable with QEL \n", __func__, __LINE__);
+        am::noteKitRefused("the kit is of another compatibility level, or names none");
         return 0;
     }
     amCleanUpKitTest();
     if (!amCopyNewKit()) {
         amLog(AM_LOG_ERROR, "%s():%d: Unable to copy KIT to appMon folder\n", __func__, __LINE__);
+        am::noteKitRefused("the kit cannot be copied to /var/flash");
         return 0;
     }
     return 1;
@@ -199,11 +209,13 @@ void amUpdateKit() {
     if (!amUnzipKit(kKitStaged)) {
         amLog(AM_LOG_ERROR, "  %s():%d: Unable to Unzip KIT to appMon folder, KIT file corrupted\n", __func__,
               __LINE__);
+        am::noteKitRefused("the copy of the kit cannot be unpacked");
         return;
     }
     amAppPoolMarkObsolete();
     if (!amParseAppPoolCsv()) {
         amLog(AM_LOG_ERROR, "  %s():%d: Unable to Create app-pool for new kit\n", __func__, __LINE__);
+        am::noteKitRefused("the kit has no application index");
         return;
     }
     amCleanAppPool();
@@ -212,6 +224,8 @@ void amUpdateKit() {
     am::whileRenumbering();
     dpiQsKitUpdate();
     am::afterRenumbering();
+    am::noteKitInstalled();
+    if (!amEngineLoaded()) am::noteKitRefused("the kit's engine cannot be loaded: see the log");
     amCleanUpdateKit();
     amLog(AM_LOG_DEBUG, "Kit update complete Spawning Thread\n");
 }

@@ -31,7 +31,27 @@ constinit SideSettings sideSettings{};
 constinit SideCounts sideCounts{};
 constinit const char *const commandLineOptions = "cs:g:m:";
 
+constinit const char *const kernelSideName = "netfilter";
+
 namespace {
+
+const SideCounter kCounters[] = {
+    {"kernel.packets_lost", &sideCounts.packetsLost,
+     "the kernel had no room for mirrored packets: mirror fewer packets of each connection in the rules"},
+    {"kernel.verdicts_marked", &sideCounts.marked, nullptr},
+    {"kernel.verdicts_marked_later", &sideCounts.markedLater, nullptr},
+    {"kernel.verdicts_marked_by_search", &sideCounts.markedBySearch, nullptr},
+    {"kernel.verdicts_not_found", &sideCounts.notFound,
+     "connections ended before their verdict or are not tracked: see that no rule says notrack for them"},
+    {"kernel.verdicts_not_kept", &sideCounts.notKept,
+     "too many connections began at once: mirror packets of fewer of them in the rules"},
+    {"kernel.verdicts_refused", &sideCounts.refused,
+     "the kernel refuses marks: see the log, and whether the daemon has the right to administer the network"},
+    {"kernel.verdicts_too_large", &sideCounts.tooLarge,
+     "the mark has no room for these applications: start the daemon with a wider mask (-m)"},
+    {"kernel.ends", &sideCounts.ends, nullptr},
+    {"kernel.end_overruns", &sideCounts.endOverruns, nullptr},
+};
 
 // Between an interrupt and what the event-loop thread does with the sockets meanwhile.
 constinit AmMutex closeLock ACQUIRED_AFTER(amModelLock);
@@ -100,6 +120,10 @@ const char *reasonOf(int error) {
         default:
             return strerror(-error);
     }
+}
+
+std::span<const SideCounter> sideCounters() {
+    return kCounters;
 }
 
 int64_t steadyMs() {

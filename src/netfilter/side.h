@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "netfilter/mark.h"
 
@@ -34,10 +35,6 @@ struct SideCounts {
     std::atomic<uint64_t> endOverruns;     // how often ends were lost, and found by the next dump
 };
 extern SideCounts sideCounts;
-
-inline void countUp(std::atomic<uint64_t> &counter, uint64_t by = 1) {
-    counter.fetch_add(by, std::memory_order_relaxed);
-}
 
 // Why the kernel refuses a socket or a binding, by its negative error number, in words for an administrator.
 // The text lasts until the next call of strerror(3).

@@ -13,6 +13,8 @@
 constinit uint32_t linesInAppRecordFile = 0;
 constinit uint32_t appMon24HrRecord = 0;
 
+constinit am::RecordState amAppRecordState{};
+
 namespace {
 
 constexpr int kHour = 3600;           // seconds
@@ -23,6 +25,7 @@ constinit uloop_timeout timer{.list = {}, .pending = false, .cb = amProcessMonCu
 constexpr am::RecordFileKind kFile{
     .path = kAppRecords,
     .oldPath = kAppRecordsOld,
+    .state = &amAppRecordState,
     .header = kAppRecordsHeader,
     .op = "appMonWriteAppRecordsToFile",
     .countClose = {"Failed to close AM_FLOW_RECORD file"},

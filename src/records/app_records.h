@@ -7,8 +7,12 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "records/record_file.h"
+
 inline constexpr char kAppRecords[] = "/flash/appmon_monitoring_app_records.csv";
 inline constexpr char kAppRecordsOld[] = "/flash/appmon_monitoring_app_records_old.csv";
+
+extern am::RecordState amAppRecordState;
 
 extern uint32_t linesInAppRecordFile;  // header included; 0 = not yet known
 extern uint32_t appMon24HrRecord;      // hourly writes since the last rotation

@@ -6,6 +6,7 @@
 #include "appmodel/app_pool.h"
 #include "core/append.h"
 #include "core/armed_timer.h"
+#include "core/counts.h"
 #include "core/text.h"
 #include "records/record_file.h"
 #include "records/record_names.h"
@@ -16,6 +17,8 @@ constinit int32_t amEnfLoggingThreshold = 1200;
 constinit int32_t amFlowDbLoggingTimerActive = 0;
 
 static_assert(am::kRecordLineRoom == kRecordLineSize);
+
+constinit am::RecordState amEnfRecordState{};
 
 namespace {
 
@@ -28,6 +31,7 @@ constexpr am::RecordFailure kClose{"Failed to close AM_FLOW_RECORD file"};
 constexpr am::RecordFileKind kFile{
     .path = kEnfRecords,
     .oldPath = kEnfRecordsOld,
+    .state = &amEnfRecordState,
     .header = kEnfRecordsHeader,
     .op = "amWriteEnfFlowRecordToFile",
     .countClose = kClose,
@@ -115,6 +119,7 @@ int amWriteEnfFlowRecordToFile() {
     if (!addRecords(file, writer, amnFt6Queue, ft6CommonIndex)) return -1;
     if (!file.write() || !file.close()) return -1;
     if (!am::rotateRecordFile(kFile, linesInEnfRecordFile, amEnfLoggingThreshold)) return -1;
+    am::countUp(am::counts.reportsFlushed, static_cast<uint64_t>(ft4CommonIndex + ft6CommonIndex));
     clear(amnFt4Queue, ft4CommonIndex);
     clear(amnFt6Queue, ft6CommonIndex);
     return 0;

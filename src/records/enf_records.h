@@ -8,10 +8,13 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "records/record_file.h"
 #include "records/record_format.h"
 
 inline constexpr char kEnfRecords[] = "/flash/appmon_enforcement_flow_records.csv";
 inline constexpr char kEnfRecordsOld[] = "/flash/appmon_enforcement_flow_records_old.csv";
+
+extern am::RecordState amEnfRecordState;
 
 extern uint32_t linesInEnfRecordFile;       // header included; 0 = not yet known
 extern int32_t amEnfLoggingThreshold;       // lines above which the file is rotated

@@ -7,6 +7,7 @@
 #include "appmodel/app_pool.h"
 #include "core/append.h"
 #include "core/armed_timer.h"
+#include "core/counts.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/flow_info.h"
@@ -29,6 +30,8 @@ constinit uint32_t linesInMonRecordFile = 0;
 constinit int32_t amMonLoggingThreshold = 1000;
 constinit int32_t amMonFlowDbLoggingTimerActive = 0;
 
+constinit am::RecordState amMonRecordState{};
+
 namespace {
 
 constexpr int kPeriod = 300'000;  // ms
@@ -40,6 +43,7 @@ constexpr am::RecordFailure kClose{"Failed to close AM_MON_FLOW_RECORD file"};
 constexpr am::RecordFileKind kFile{
     .path = kMonRecords,
     .oldPath = kMonRecordsOld,
+    .state = &amMonRecordState,
     .header = kMonRecordsHeader,
     .op = "amWriteMonFlowRecordToFile",
     .countClose = kClose,
@@ -199,9 +203,10 @@ int amWriteMonFlowRecordToFile(uint32_t count4, uint32_t count6) {
 
     am::RecordAppend file(kFile, linesInMonRecordFile);
     LineWriter writer;
-    if (!file.open()) return -1;
-    if (!addRecords4(file, writer, count4) || !addRecords6(file, writer, count6)) return -1;
-    if (!file.write() || !file.close()) return -1;
+    const bool added =
+        file.open() && addRecords4(file, writer, count4) && addRecords6(file, writer, count6) && file.write();
+    if (!added) am::countUp(am::counts.monitoredLost, count4 + count6 - file.written());
+    if (!added || !file.close()) return -1;
     if (!am::rotateRecordFile(kFile, linesInMonRecordFile, amMonLoggingThreshold)) return -1;
     std::fill_n(amMonFtBufferQueue, kMonQueueSize, AmMonFtEntry{});
     std::fill_n(amMonFt6BufferQueue, kMonQueueSize, AmMonFt6Entry{});
@@ -225,5 +230,6 @@ void amProcessMonFlowDbLogging(uloop_timeout *) {
         count4 = takeOver<V4>(amMonFtBufferQueue);
         count6 = takeOver<V6>(amMonFt6BufferQueue);
     }
+    am::countUp(am::counts.monitoredDrained, count4 + count6);
     (void)amWriteMonFlowRecordToFile(count4, count6);
 }

@@ -17,12 +17,15 @@ extern "C" {
 #include "core/lock.h"
 #include "flows/enf_flow_db.h"
 #include "kit/upload_slots.h"
+#include "records/record_file.h"
 
 struct capture_flow_info;
 
 inline constexpr uint32_t kMonQueueSize = 200;
 inline constexpr char kMonRecords[] = "/flash/appmon_monitor_flow_records.csv";
 inline constexpr char kMonRecordsOld[] = "/flash/appmon_monitor_flow_records_old.csv";
+
+extern am::RecordState amMonRecordState;
 
 struct AmMonFtEntry {
     uint32_t src_ip, dst_ip;      // network order

@@ -76,6 +76,9 @@ void reportFailure(const RecordFileKind &kind, const RecordFailure &failure, int
 
 RecordAppend::~RecordAppend() {
     if (fd_ >= 0) (void)::close(fd_);
+    kind_.state->lines += written_;
+    kind_.state->failing = !done_;
+    if (!done_) kind_.state->failures++;
 }
 
 void RecordAppend::report(const RecordFailure &failure, int line) const {
@@ -185,7 +188,8 @@ bool RecordAppend::write() {
 }
 
 bool RecordAppend::close() {
-    return closeFile(kind_.close);
+    done_ = closeFile(kind_.close);
+    return done_;
 }
 
 bool moveRecordFile(const RecordFileKind &kind) {

@@ -26,10 +26,18 @@ struct RecordFailure {
     bool alone = false;
 };
 
+// How the writing of a file goes, for people to look at.
+struct RecordState {
+    uint64_t lines;     // written since the start of the process, headers not counted
+    uint64_t failures;  // appends that did not come to their end
+    bool failing;       // the last one
+};
+
 // What tells one record file from the others.
 struct RecordFileKind {
     const char *path;
     const char *oldPath;
+    RecordState *state;
     const char *header;  // without its newline
     const char *op;      // named in the messages
     RecordFailure countClose, open, headerWrite, headerClose, write, writeClose, close, create, createClose;
@@ -72,6 +80,7 @@ class RecordAppend {
     uint32_t &lines_;
     int fd_ = -1;
     bool regular_ = false;
+    bool done_ = false;      // written and closed
     off_t start_ = 0;        // size of the file when it was opened
     off_t size_ = 0;         // up to the end of the lines written
     size_t used_ = 0;        // bytes in the buffer

@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/flow_report.h"
@@ -37,6 +38,7 @@ struct V6 {
 struct FlowFacts {
     uint16_t appId;
     time_t startTime;
+    bool ended;  // by this report
 };
 
 // Marks the flow's record with the reported age.  Also where the report itself finds no room: the kernel says
@@ -46,9 +48,19 @@ bool matchFlow(const am::FlowReport<typename Ip::Key> &report, FlowFacts &facts)
     const AmGuard guard(amEnfFlowLock);
     auto *const flow = Ip::search(report.key);
     if (!flow) return false;
+    facts = {flow->appId, flow->startTime, report.aged != 0 && flow->aged == 0};
     flow->aged = report.aged;
-    facts = {flow->appId, flow->startTime};
     return true;
+}
+
+// What the kernel has counted of a flow is known for good once it has ended.
+template <class Key>
+void addUp(const am::FlowReport<Key> &report, uint16_t appId) {
+    amModelLock.soleWriterReads();
+    AmActiveApp *const app = amActiveApp(appId);
+    if (!app) return;
+    app->endedPackets += report.pktCnt;
+    app->endedBytes += report.byteCnt;
 }
 
 // A flush that fails says so itself; how many reports that cost is told once there is room again.
@@ -111,12 +123,16 @@ void recordReport(const am::FlowReport<typename Ip::Key> &report) {
     if (Ip::index() >= kReportQueueSize) (void)amWriteEnfFlowRecordToFile();
 
     FlowFacts facts{};
-    if (!matchFlow<Ip>(report, facts))
+    const bool matched = matchFlow<Ip>(report, facts);
+    if (!matched) {
         amLog(AM_LOG_DEBUG, "%s:%d Stats received for non exisiting flow in Flow DB\n", Ip::kOp, __LINE__);
-    else if (Ip::index() < kReportQueueSize)
+        am::countUp(am::counts.reportsUnmatched);
+    } else if (Ip::index() < kReportQueueSize) {
         enqueue<Ip>(report, facts);
-    else
+    } else {
         amReportsDropped++;
+    }
+    if (facts.ended) addUp(report, facts.appId);
     if (stats_debug.load(std::memory_order_relaxed)) [[unlikely]]
         logReport(report);
 }

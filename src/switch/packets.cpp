@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "flows/capture.h"
 #include "switch/protocol.h"
+#include "switch/side_counts.h"
 
 namespace {
 
@@ -43,7 +45,10 @@ int packet_cb(const nlmsghdr *nlh, void *) {
     const nlattr *sole = soleAttribute(nlh);
     const int walked =
         sole ? packet_attr_cb(sole, &pkt) : mnl_attr_parse(nlh, kFamilyHeaderSize, packet_attr_cb, &pkt);
-    if (walked != MNL_CB_OK) return walked;
+    if (walked != MNL_CB_OK) {
+        am::countUp(am::sideCounts.packetsMalformed);
+        return walked;
+    }
     am::handPacket(pkt);
     return MNL_CB_OK;
 }

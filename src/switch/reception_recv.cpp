@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "flows/capture.h"
 #include "flows/kernel_side.h"
@@ -44,9 +45,11 @@ Drained drainPackets() {
         amEngineYield();  // messages without a packet may come without end, too
         const int got = recvmmsg(mnl_socket_get_fd(packet_nls), batch, kBatch, MSG_DONTWAIT, nullptr);
         if (got <= 0) {
-            if (got < 0 && errno != EAGAIN && errno != EINTR)
+            if (got < 0 && errno != EAGAIN && errno != EINTR) {
+                countUp(counts.packetOverruns);
                 amLog(AM_LOG_ERROR, "%s:%d packet socket error: %s\n", "mainpThread", __LINE__,
                       strerror(errno));
+            }
             return Drained::empty;
         }
         for (unsigned i = 0; i < static_cast<unsigned>(got); i++)

@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "flows/flow_report.h"
 #include "switch/protocol.h"
+#include "switch/side_counts.h"
 
 namespace {
 
@@ -86,6 +88,7 @@ am::FlowReport<typename Ip::Key> reportOf(const ReportAttrs &attrs) {
 int stats_report_cb4(const ReportAttrs &attrs) {
     if (!complete<V4>(attrs)) {
         perror("incomplete state message");
+        am::countUp(am::sideCounts.reportsIncomplete);
         return MNL_CB_OK;
     }
     am::reportFlow4(reportOf<V4>(attrs));
@@ -96,6 +99,7 @@ int stats_report_cb6(const ReportAttrs &attrs) {
     if (!complete<V6>(attrs)) {
         amLog(AM_LOG_DEBUG, "%s:%d stats_report_cb6\n", __func__, __LINE__);
         perror("incomplete state message");
+        am::countUp(am::sideCounts.reportsIncomplete);
         return MNL_CB_OK;
     }
     amLog(AM_LOG_DEBUG, "stats_report_cb6 DPI_STA_R_A_FIRST_IPV6 \n");
@@ -120,6 +124,7 @@ int parseReport(const nlattr *attr, uint16_t &count) {
     if (mnl_attr_parse_nested(attr, collectAttr, &attrs) < 0) return MNL_CB_ERROR;
     if (!attrs[DPI_STA_R_A_IP_TYPE]) {
         perror("incomplete state message");
+        am::countUp(am::sideCounts.reportsIncomplete);
         amLog(AM_LOG_DEBUG, "%s:%d stats_report_cb \n", "stats_report_cb", __LINE__);
         return MNL_CB_STOP;
     }

@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/counts.h"
 #include "core/lock.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/enf_flow_db.h"
 #include "flows/kernel_side.h"
 #include "switch/protocol.h"
+#include "switch/side_counts.h"
 #include "switch/sockets.h"
 
 namespace {
@@ -72,6 +74,7 @@ struct V4 {
     static int record(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) {
         return amUpdateEnfFlowDb(info);
     }
+    static void noteUntold(const capture_flow_info &info) { am::noteUntold4(info); }
 };
 
 struct V6 {
@@ -104,6 +107,7 @@ struct V6 {
     static int record(const capture_flow_info *info) REQUIRES_SHARED(amModelLock) {
         return amUpdateEnfFlowDb6(info);
     }
+    static void noteUntold(const capture_flow_info &info) { am::noteUntold6(info); }
 };
 
 uint8_t lowByte(uint32_t word) {
@@ -143,14 +147,19 @@ int sendResult(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(am
     const AmActiveApp *app = amActiveApp(info->app_id);
     const nlmsghdr *message = build<Ip>(buffer, *info, match, app);
     Ip::logBuilt(*info, match, app);
-    if (am::sendMessage(control_nls, message) < 1) {
+    const bool sent = am::sendMessage(control_nls, message) >= 1;
+    if (!sent) {
         const int error = errno;
         Ip::logFailed();
         errno = error;
         perror("packet_cb: send result message");
+        am::countUp(am::sideCounts.verdictsNotSent);
     }
     Ip::logSent(*info, app);
-    if (match == 1) (void)Ip::record(info);
+    if (match == 1) {
+        (void)Ip::record(info);
+        if (!sent) Ip::noteUntold(*info);
+    }
     return 1;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/counts.h"
 #include "core/log.h"
 #include "flows/capture.h"
 #include "flows/interrupt.h"
@@ -17,6 +18,7 @@
 #include "switch/protocol.h"
 #include "switch/reception.h"
 #include "switch/reports.h"
+#include "switch/side_counts.h"
 
 constinit mnl_socket *control_nls = nullptr;
 constinit mnl_socket *packet_nls = nullptr;
@@ -69,6 +71,7 @@ void readReports(int fd) {
         const ssize_t got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
         if (got <= 0) {
             const int error = errno;
+            if (got < 0 && error == ENOBUFS) am::countUp(am::sideCounts.reportOverruns);
             amLog(AM_LOG_INFO, "%s:%d Message received with Invalid length Err No: %d Err %s\n",
                   "amRecvNLMgmtSocket", __LINE__, error, strerror(error));
             return;
@@ -121,7 +124,7 @@ void amRecvNLMgmtSocket(uloop_fd *fd, unsigned int events) {
         amLog(AM_LOG_ERROR, "%s:%d Control Msg Socket Error adding the uloop again\n", __func__, __LINE__);
         // Where there was nothing to read the error is still pending, and registering would report it at once
         // again, without end.
-        (void)am::takeSocketError(fd->fd);
+        if (am::takeSocketError(fd->fd) != 0) am::countUp(am::sideCounts.reportOverruns);
         (void)uloop_fd_add(fd, kMgmtFlags);
     }
 }

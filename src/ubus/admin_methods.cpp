@@ -4,6 +4,7 @@
 #include "config/config_file.h"
 #include "core/log.h"
 #include "flows/mirroring.h"
+#include "kit/kit_state.h"
 #include "records/debug_dump.h"
 #include "ubus/members.h"
 #include "ubus/methods.h"
@@ -48,6 +49,7 @@ int SETappMonAdminState(ubus_context *, ubus_object *, ubus_request_data *req, c
         return 0;
     }
     const int state = is(arguments[0], "disable") ? 0 : 1;
+    am::kitState.tookMirroring = false;
     const int before = amAdminState.load(std::memory_order_relaxed);
     amNetLinkMirrorState(state);
     replySuccess(req);

@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/mirroring.h"
+#include "kit/kit_state.h"
 #include "kit/kit_update.h"
 #include "kit/transfer.h"
 #include "ubus/members.h"
@@ -61,7 +62,9 @@ int SETappMonUpdateSignatureFile(ubus_context *, ubus_object *, ubus_request_dat
     }
     const bool mirroring = amAdminState.load(std::memory_order_relaxed) == 1;
     if (mirroring) amNetLinkMirrorState(0);
+    am::kitState.tookMirroring = false;
     if (dpiValidateKit() != 1) {
+        am::kitState.tookMirroring = mirroring;
         // Mirroring stays off: there may be no engine that fits what is on flash.
         replyFailure(req, "Kit Validation Failed!!!");
         return 0;

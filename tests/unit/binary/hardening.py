@@ -72,7 +72,7 @@ class Daemon(unittest.TestCase):
             subprocess.run(["strip", "-o", stripped.name, DAEMON], check=True)
             size = os.path.getsize(stripped.name)
         print(f"stripped size: {size} bytes")
-        self.assertLessEqual(size, 160 * 1024)
+        self.assertLessEqual(size, 192 * 1024)
 
 
 if __name__ == "__main__":

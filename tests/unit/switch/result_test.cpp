@@ -14,6 +14,7 @@
 #include "records/verdict.h"
 #include "support.h"
 #include "switch/protocol.h"
+#include "switch/side_counts.h"
 #include "switch/sockets.h"
 
 namespace {
@@ -141,6 +142,7 @@ TEST_F(VerdictTest, FailedSendStillRecordsAndMonitors) {
     enforce(3, "netflix");
     monitor(3, "netflix");
     failSends(ENOBUFS);
+    const uint64_t notSent = am::sideCounts.verdictsNotSent;
     testing::internal::CaptureStderr();
     const capture_flow_info four = v4(3), six = v6(3);
     am_capture_flow_func(&four);
@@ -149,6 +151,11 @@ TEST_F(VerdictTest, FailedSendStillRecordsAndMonitors) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line);
     EXPECT_EQ(records(), 2U);
     EXPECT_EQ(app(3).monFlowCount, 2U);
+    EXPECT_EQ(am::sideCounts.verdictsNotSent, notSent + 2);
+    AmEnfFlow4 record4;
+    AmEnfFlow6 record6;
+    ASSERT_TRUE(am::nextEnfFlow(nullptr, record4) && am::nextEnfFlow(nullptr, record6));
+    EXPECT_TRUE(record4.untold && record6.untold) << "so that people can be told";
 }
 
 // A thread that has begun and got as far as it can.

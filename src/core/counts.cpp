@@ -1,0 +1,3 @@
+#include "core/counts.h"
+
+constinit am::Counts am::counts{};
