@@ -10,39 +10,25 @@
 #include <memory>
 
 #include "appmodel/app_lists.h"
-#include "appmodel/app_pool.h"
 #include "config/config_file.h"
+#include "config/config_members.h"
 #include "core/handle.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "flows/mirroring.h"
 #include "kit/kit_update.h"
 #include "kit/transfer.h"
+#include "kit/verified_kit.h"
 
 namespace {
 
+using am::objectMember;
+using am::textMember;
 using Json = std::unique_ptr<cJSON, am::Closer<cJSON_Delete>>;
 
 // Far above what every application of a kit on both lists and in a group takes; parsing needs many times the
 // file's size.
 constexpr off_t kLargestFile = off_t{32} << 20;
-
-const char *textMember(const cJSON *object, const char *key) {
-    return cJSON_GetStringValue(cJSON_GetObjectItem(object, key));
-}
-
-// A member that is an object, else null.
-const cJSON *objectMember(const cJSON *object, const char *key) {
-    const cJSON *const member = cJSON_GetObjectItem(object, key);
-    return cJSON_IsObject(member) ? member : nullptr;
-}
-
-// Calls `apply` for every element of an array; anything but an array has none.
-template <class Apply>
-void forEachElement(const cJSON *array, Apply apply) {
-    if (!cJSON_IsArray(array)) return;
-    for (const cJSON *element = array->child; element; element = element->next) apply(*element);
-}
 
 // Reads the whole of a file of that size; fewer bytes when it has shrunk meanwhile.  A zero ends them.
 am::CText readText(int fd, size_t size) {
@@ -90,7 +76,7 @@ void installKitIfAsked(const cJSON *profile) {
     const char *const reload = textMember(update ? update : profile, "reloadSignFile");
     if (!reload || strcmp(reload, "force") != 0) return;
     reloadSignFile = 1;
-    (void)dpiValidateKit();
+    if (dpiValidateKit() != 1 && am::kitUnverified()) return;
     if (amcCheckKit() == 1)
         amUpdateKit();
     else
@@ -150,24 +136,6 @@ void amParseSignatureProfile(const cJSON *profile) {
         amLog(AM_LOG_ERROR, "%s:%d Failed to download the kit\n", __func__, __LINE__);
     else
         amLog(AM_LOG_DEBUG, "%s:%d Successfully downloaded the kit\n", __func__, __LINE__);
-}
-
-void amParseGroupConfig(const cJSON *profile) {
-    const cJSON *const groups = objectMember(profile, "avAppGroup");
-    if (!groups) return;
-    for (const cJSON *group = groups->child; group; group = group->next)
-        forEachElement(group, [group](const cJSON &member) {
-            if (cJSON_IsObject(&member)) (void)amAddAppToGrp(group->string, textMember(&member, "appName"));
-        });
-}
-
-void amParseAppListConfig(const cJSON *listObject, uint32_t listType) {
-    forEachElement(cJSON_GetObjectItem(listObject, "appList"), [listType](const cJSON &app) {
-        if (cJSON_IsObject(&app)) (void)amAddAppToAppList(textMember(&app, "appName"), nullptr, listType);
-    });
-    forEachElement(cJSON_GetObjectItem(listObject, "appGroup"), [listType](const cJSON &group) {
-        if (const char *const name = cJSON_GetStringValue(&group)) (void)amAddGrpToAppList(name, listType);
-    });
 }
 
 void amParseConfigFromFile() {

@@ -48,7 +48,21 @@ int32_t decimal(const char *text) {
     return number < INT32_MIN ? INT32_MIN : static_cast<int32_t>(number);
 }
 
+int32_t levelIn(FILE *file) {
+    Line line = {};
+    return fgets(line, sizeof line, file) ? decimal(line) : 0;
+}
+
 }  // namespace
+
+bool am::readKitLevel(const char *directory, int32_t &level) {
+    Path path;
+    memberPath(path, directory, "compatibility.txt");
+    const File file = openMember(path);
+    if (!file) return false;
+    level = levelIn(file.get());
+    return true;
+}
 
 int amParseKitCompatibality() {
     Path path;
@@ -63,28 +77,33 @@ int amParseKitCompatibality() {
         amLog(AM_LOG_ERROR, "Error opening file %s", path);
         return 0;
     }
-    Line line = {};
-    const int32_t level = fgets(line, sizeof line, file.get()) ? decimal(line) : 0;
+    const int32_t level = levelIn(file.get());
     if (level == qel_kit_compatability_version) return 1;
     amLog(AM_LOG_ERROR, "Kit not comaptible %d\n", level);
     return 0;
 }
 
-void amParseAppPoolCsvLine(char *line) {
-    AmAppNode record{};
+const char *am::parseIndexLine(char *line, AmAppNode &app) {
+    const char *name = "";
     char *rest = nullptr;
     int field = 0;
     for (char *token = strtok_r(line, ",", &rest); token && field < kIndexFields;
          token = strtok_r(nullptr, ",", &rest)) {
         field++;
         if (field == 1) {
-            record.appId = static_cast<uint16_t>(strtoll(token, nullptr, 10));
+            app.appId = static_cast<uint16_t>(strtoll(token, nullptr, 10));
         } else if (field == 2) {
-            if (strlen(token) > kAppNameSize)
-                amLog(AM_LOG_NOTICE, "App name %s is too long, so truncating\n", token);
-            am::copyText(record.name, token);
+            name = token;
+            copyText(app.name, token);
         }
     }
+    return name;
+}
+
+void amParseAppPoolCsvLine(char *line) {
+    AmAppNode record{};
+    const char *const name = am::parseIndexLine(line, record);
+    if (strlen(name) > kAppNameSize) amLog(AM_LOG_NOTICE, "App name %s is too long, so truncating\n", name);
     if (!am::applicationsKeepNumbers) {
         AmAppNode *const known = amIsAppNameValid(record.name);
         if (known && known->state == AM_APP_OBSOLETE) known->appId = record.appId;

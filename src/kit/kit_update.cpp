@@ -19,6 +19,7 @@
 #include "kit/md5.h"
 #include "kit/renumbering.h"
 #include "kit/shell.h"
+#include "kit/verified_kit.h"
 
 constinit uint8_t CurMd5Sum[16] = {};
 
@@ -64,12 +65,14 @@ int amCheckFlashSpace(const char *path) {
 }
 
 int amCheckIfKitValid() {
+    const char *const kit = am::verifiedKit(kKitPath);
+    if (!kit) return 0;
+    // Of signed kits nothing lies beside what was signed: what an earlier one left behind is not.
+    if (kit != kKitPath) am::wipe(kKitTestDir, __func__, __LINE__);
     if (!am::makeDirectory(kKitTestDir, __func__, __LINE__)) return 0;
     am::dropLinks(kKitTestDir);
     Command command;
-    if (am::runCommand(command, sizeof command, "tar -xvzf %s/%s -C  %s ", kFlash, kKitName, kKitTestDir) ==
-        0)
-        return 1;
+    if (am::runCommand(command, sizeof command, "tar -xvzf %s -C  %s ", kit, kKitTestDir) == 0) return 1;
     amLog(AM_LOG_ERROR, "Unable to untar kit %s \n", command);
     return 0;
 }
@@ -88,48 +91,62 @@ int amCopyNewKit() {
         return 0;
     }
     struct stat kit {};
-    if (!examine(kKitPath, kit, __func__, __LINE__)) return 0;
-    if (am::runCommand(command, sizeof command, "cp -f %s/%s %s/%s", kFlash, kKitName, kKitWorkDir,
-                       kStagedName) != 0) {
+    const char *const source = am::verifiedKit(kKitPath);
+    if (!source || !examine(source, kit, __func__, __LINE__)) return 0;
+    if (am::runCommand(command, sizeof command, "cp -f %s %s/%s", source, kKitWorkDir, kStagedName) != 0) {
         amLog(AM_LOG_ERROR, "%s:%d Unable to copy kit %s \n", __func__, __LINE__, command);
         return 0;
     }
     return 1;
 }
 
-int dpiValidateKit() {
-    am::noteKitRequest();
+namespace {
+
+// The name in the log is the operation's.
+int validateKit() {
+    constexpr char op[] = "dpiValidateKit";
     if (!amIsUpgradeKitPresent()) {
-        amLog(AM_LOG_ERROR, "%s():%d: app Signature kit not present in /flash\n", __func__, __LINE__);
+        amLog(AM_LOG_ERROR, "%s():%d: app Signature kit not present in /flash\n", op, __LINE__);
         am::noteKitRefused("there is no kit in /flash");
         return 0;
     }
-    if (!am::makeDirectory(kKitScratch, __func__, __LINE__)) {
+    if (!am::makeDirectory(kKitScratch, op, __LINE__)) {
         am::noteKitRefused("/var/flash cannot be made");
         return 0;
     }
     if (!amCheckFlashSpace(kKitPath)) {
-        amLog(AM_LOG_ERROR, "%s():%d:Insufficient flash space\n", __func__, __LINE__);
+        amLog(AM_LOG_ERROR, "%s():%d:Insufficient flash space\n", op, __LINE__);
         am::noteKitRefused("not enough space to unpack the kit");
         return 0;
     }
+    if (!am::verifyKit(kKitPath)) return 0;
     if (!amCheckIfKitValid()) {
-        amLog(AM_LOG_ERROR, "%s():%d: app Signature kit from /flash is malformed\n", __func__, __LINE__);
+        amLog(AM_LOG_ERROR, "%s():%d: app Signature kit from /flash is malformed\n", op, __LINE__);
         am::noteKitRefused("the file is no kit: tar cannot unpack it");
         return 0;
     }
     if (!amParseKitCompatibality()) {
-        amLog(AM_LOG_ERROR, "%s():%d: app Signature kit is not compitable with QEL \n", __func__, __LINE__);
+        amLog(AM_LOG_ERROR, "%s():%d: app Signature kit is not compitable with QEL \n", op, __LINE__);
         am::noteKitRefused("the kit is of another compatibility level, or names none");
         return 0;
     }
     amCleanUpKitTest();
     if (!amCopyNewKit()) {
-        amLog(AM_LOG_ERROR, "%s():%d: Unable to copy KIT to appMon folder\n", __func__, __LINE__);
+        amLog(AM_LOG_ERROR, "%s():%d: Unable to copy KIT to appMon folder\n", op, __LINE__);
         am::noteKitRefused("the kit cannot be copied to /var/flash");
         return 0;
     }
     return 1;
+}
+
+}  // namespace
+
+int dpiValidateKit() {
+    am::noteKitRequest();
+    am::dropVerifiedKit();
+    if (validateKit() == 1) return 1;
+    am::dropVerifiedKit();
+    return 0;
 }
 
 // A byte below 16 shows a leading blank, not a zero: the line is compared with those of older logs.
@@ -157,13 +174,23 @@ int amcMd5SigKitDigest(const char *path, uint8_t *digest) {
     return 0;
 }
 
+namespace {
+
+// The kit that is to be installed; where it has to be verified and is not, no kit is.
+const char *kitToInstall() {
+    const char *const kit = am::verifiedKit(kKitPath);
+    return kit ? kit : kKitPath;
+}
+
+}  // namespace
+
 int amcCompareKit(uint8_t *digest) {
-    return amcMd5SigKitDigest(kKitPath, digest);
+    return amcMd5SigKitDigest(kitToInstall(), digest);
 }
 
 int amcGetKitMd5sum() {
     memset(CurMd5Sum, 0, sizeof CurMd5Sum);
-    return amcMd5SigKitDigest(kKitPath, CurMd5Sum);
+    return amcMd5SigKitDigest(kitToInstall(), CurMd5Sum);
 }
 
 int amcCheckKit() {
@@ -195,26 +222,39 @@ int amUnzipKit(int source) {
     char staged[sizeof kKitWorkDir + sizeof kStagedName];
     snprintf(staged, sizeof staged, "%s/%s", kKitWorkDir, kStagedName);
     struct stat kit {};
-    if (!examine(staged, kit, __func__, __LINE__)) return 0;
+    if (source == kKitFromFactory) {
+        char factory[sizeof kFactoryDir + sizeof kKitName];
+        snprintf(factory, sizeof factory, "%s/%s", kFactoryDir, kKitName);
+        if (!am::verifyKit(factory)) return 0;
+    }
+    const char *const archive = am::verifiedKit(staged);
+    if (!archive || !examine(archive, kit, __func__, __LINE__)) return 0;
+    if (archive != staged) {
+        am::wipe(kKitInstallDir, __func__, __LINE__);
+        if (!am::makeDirectory(kKitInstallDir, __func__, __LINE__)) return 0;
+    }
     am::dropLinks(kKitInstallDir);
     char extraction[1024];
-    if (am::runCommand(extraction, sizeof extraction, "tar -xvzf %s -C  %s", staged, kKitInstallDir) != 0) {
+    if (am::runCommand(extraction, sizeof extraction, "tar -xvzf %s -C  %s", archive, kKitInstallDir) != 0) {
         amLog(AM_LOG_ERROR, "Unable to untar kit %s \n", extraction);
         return 0;
     }
     return 1;
 }
 
-void amUpdateKit() {
+namespace {
+
+void installStagedKit() {
+    constexpr char op[] = "amUpdateKit";
     if (!amUnzipKit(kKitStaged)) {
-        amLog(AM_LOG_ERROR, "  %s():%d: Unable to Unzip KIT to appMon folder, KIT file corrupted\n", __func__,
+        amLog(AM_LOG_ERROR, "  %s():%d: Unable to Unzip KIT to appMon folder, KIT file corrupted\n", op,
               __LINE__);
         am::noteKitRefused("the copy of the kit cannot be unpacked");
         return;
     }
     amAppPoolMarkObsolete();
     if (!amParseAppPoolCsv()) {
-        amLog(AM_LOG_ERROR, "  %s():%d: Unable to Create app-pool for new kit\n", __func__, __LINE__);
+        amLog(AM_LOG_ERROR, "  %s():%d: Unable to Create app-pool for new kit\n", op, __LINE__);
         am::noteKitRefused("the kit has no application index");
         return;
     }
@@ -230,7 +270,15 @@ void amUpdateKit() {
     amLog(AM_LOG_DEBUG, "Kit update complete Spawning Thread\n");
 }
 
+}  // namespace
+
+void amUpdateKit() {
+    installStagedKit();
+    am::dropVerifiedKit();
+}
+
 void amCleanUpdateKit() {
+    am::dropVerifiedKit();
     am::wipe(kKitScratch, __func__, __LINE__);
     am::wipe("/tmp/flash", __func__, __LINE__);
 }

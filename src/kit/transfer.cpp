@@ -12,11 +12,13 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "kit/md5.h"
+#include "kit/signature.h"
 #include "kit/upload_slots.h"
 
 namespace {
 
 constexpr long kUploadTimeoutSeconds = 780;
+constexpr size_t kLargestSignature = 4096;  // bytes
 
 using Curl = std::unique_ptr<CURL, am::Closer<curl_easy_cleanup>>;
 
@@ -24,6 +26,7 @@ struct Download {
     const char *path;
     am::File file;  // none until data arrives
     am::Md5 md5;
+    size_t room = SIZE_MAX;  // bytes
 };
 
 struct Upload {
@@ -39,7 +42,8 @@ size_t writeKit(const void *data, size_t size, size_t count, void *context) {
     const size_t length = size * count;
     if (length == 0) return 0;
     if (!download.file) download.file.reset(fopen(download.path, "wbe"));
-    if (!download.file) return 0;
+    if (!download.file || length > download.room) return 0;
+    download.room -= length;
     am::md5Add(download.md5, data, length);
     return fwrite(data, 1, length, download.file.get());
 }
@@ -85,6 +89,22 @@ bool sizeOf(FILE *file, size_t &size) {
     return true;
 }
 
+// The signature stands beside the kit on the server, too; one that was here before is another kit's.
+void fetchSignature(CURL *curl, const char *username, const char *password, const char *url) {
+    char path[sizeof kKitPath + 4], signatureUrl[1100];
+    snprintf(path, sizeof path, "%s.sig", kKitPath);
+    (void)remove(path);
+    const size_t length = strcspn(url, "?#");  // of the file's own name
+    const int written = snprintf(signatureUrl, sizeof signatureUrl, "%.*s.sig%s", static_cast<int>(length),
+                                 url, url + length);
+    if (written < 0 || static_cast<size_t>(written) >= sizeof signatureUrl) return;
+    Download download{path, nullptr, {}, kLargestSignature};
+    am::md5Begin(download.md5);
+    curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);  // a page that says so is no signature
+    if (performDownload(curl, username, password, signatureUrl, download) != CURLE_OK || !closeKit(download))
+        (void)remove(path);
+}
+
 }  // namespace
 
 int kit_download(const char *username, const char *password, const char *url, const char *md5) {
@@ -108,6 +128,7 @@ int kit_download(const char *username, const char *password, const char *url, co
               storeError);
         return -1;
     }
+    if (am::signaturesRequired(kKeysDir)) fetchSignature(curl.get(), username, password, url);
     amLog(AM_LOG_DEBUG, "%s:%d KIT Download SUCCESS \n", __func__, __LINE__);
     return 0;
 }
