@@ -39,6 +39,7 @@ void addKit(Answer &answer) {
     answer.number("applications", rbtCount(&amAppPoolTree));
     answer.number("loaded_at", static_cast<uint64_t>(kitState.loadedAt));
     answer.flag("engine", amEngineLoaded());
+    answer.flag("refused", kitState.refused);
     answer.text("refusal", kitState.refusal);
     answer.number("refused_at", static_cast<uint64_t>(kitState.refusedAt));
 }

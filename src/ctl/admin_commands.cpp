@@ -1,0 +1,159 @@
+// Administration: the state, exports, kits.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "core/handle.h"
+#include "core/paths.h"
+#include "core/write_fully.h"
+#include "ctl/client.h"
+#include "ctl/commands.h"
+#include "ctl/kit_commands.h"
+#include "ctl/screen.h"
+#include "show/answer.h"
+
+namespace ctl {
+
+namespace {
+
+int setState(const char *state, const CommandLine &line) {
+    static blob_buf buffer;
+    am::Answer request(buffer);
+    request.text("adminState", state);
+    if (!change("SETappMonAdminState", request.message())) return kFailed;
+    Reply reply;
+    ask("status", nullptr, reply);
+    const bool on = reply.fields().table("kernel").flag("mirroring");
+    printf("mirroring is %s\n", on ? "on" : "off");
+    if (line.save) return saveCommand(line);
+    return on == (strcmp(state, "enable") == 0) ? kDone : kFailed;
+}
+
+// The first line of a file; false, and told, when it cannot be read.
+bool readPassword(const char *path, char (&password)[256]) {
+    const am::File file(fopen(path, "re"));
+    if (!file || !fgets(password, sizeof password, file.get())) {
+        fprintf(stderr, "korvidctl: %s: %s\n", path, file ? "empty" : strerror(errno));
+        return false;
+    }
+    password[strcspn(password, "\r\n")] = '\0';
+    return true;
+}
+
+// The daemon's folder of kits, as this program sees it: a package for routers gives the daemon a root of its own.
+const char *flashFolder() {
+    static constexpr char kOfPackage[] = "/var/lib/korvid/flash";
+    return access(kFlash, F_OK) != 0 && access(kOfPackage, F_OK) == 0 ? kOfPackage : kFlash;
+}
+
+// The daemon's user, whose folder it is, has to read it.
+void giveToOwnerOf(const char *folder, int fd) {
+    struct stat status {};
+    if (stat(folder, &status) == 0) (void)!fchown(fd, status.st_uid, status.st_gid);
+}
+
+bool copyContent(int from, int to) {
+    static char bytes[65536];
+    for (;;) {
+        const ssize_t got = read(from, bytes, sizeof bytes);
+        if (got == 0) return fsync(to) == 0;
+        if (got < 0 || am::writeFully(to, {bytes, static_cast<size_t>(got)}) != static_cast<size_t>(got))
+            return false;
+    }
+}
+
+// A file in another's place, whole or not at all.
+bool copyFile(const char *from, const char *to) {
+    char beside[512];
+    snprintf(beside, sizeof beside, "%s.new", to);
+    const int source = open(from, O_RDONLY | O_CLOEXEC);
+    const int target = source < 0 ? -1 : open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (target >= 0) giveToOwnerOf(flashFolder(), target);
+    const bool copied = target >= 0 && copyContent(source, target) && rename(beside, to) == 0;
+    if (!copied) fprintf(stderr, "korvidctl: %s cannot be copied to %s: %s\n", from, to, strerror(errno));
+    if (source >= 0) (void)close(source);
+    if (target >= 0) (void)close(target);
+    if (!copied && target >= 0) (void)unlink(beside);
+    return copied;
+}
+
+int install(const CommandLine &line) {
+    const char *const file = line.word(2);
+    if (line.wordCount != 3) {
+        fprintf(stderr, "usage: korvidctl kit install [--save] FILE\n");
+        return kUsage;
+    }
+    if (!bringKit(file)) return kFailed;
+    static blob_buf buffer;
+    am::Answer request(buffer);
+    request.text("reloadSignFile", "force");
+    const bool accepted = change("SETappMonUpdateSignatureFile", request.message());
+    Reply reply;
+    ask("status", nullptr, reply);
+    const Fields kit = reply.fields().table("kit");
+    if (!accepted || kit.flag("refused")) {
+        fprintf(stderr, "korvidctl: the kit was refused: %s\n", kit.text("refusal"));
+        return kFailed;
+    }
+    printf("kit %s with %s applications is installed, its engine %s\n",
+           *kit.text("version") ? kit.text("version") : "without a version",
+           numberText(kit.number("applications")).text, kit.flag("engine") ? "runs" : "does not run");
+    if (!line.save) puts("a restart installs it again once that is saved (korvidctl save, or --save)");
+    return line.save ? saveCommand(line) : kDone;
+}
+
+}  // namespace
+
+bool bringKit(const char *file) {
+    char target[128], signature[512], targetSignature[136];
+    snprintf(target, sizeof target, "%s/%s", flashFolder(), kKitName);
+    snprintf(signature, sizeof signature, "%s.sig", file);
+    snprintf(targetSignature, sizeof targetSignature, "%s.sig", target);
+    if (strcmp(file, target) == 0) return true;
+    // A signature that was there before is not this kit's.
+    if (access(signature, F_OK) != 0)
+        (void)unlink(targetSignature);
+    else if (!copyFile(signature, targetSignature))
+        return false;
+    return copyFile(file, target);
+}
+
+int enableCommand(const CommandLine &line) {
+    return setState("enable", line);
+}
+
+int disableCommand(const CommandLine &line) {
+    return setState("disable", line);
+}
+
+int exportCommand(const CommandLine &line) {
+    const bool enforcement = strcmp(line.word(1), "enforcement") == 0;
+    if (line.wordCount != 2 || !line.url || (!enforcement && strcmp(line.word(1), "monitoring") != 0)) {
+        fprintf(stderr,
+                "usage: korvidctl export enforcement|monitoring --url FOLDER [--user USER --password-file "
+                "FILE]\n");
+        return kUsage;
+    }
+    char password[256] = {};
+    if (line.passwordFile && !readPassword(line.passwordFile, password)) return kFailed;
+    static blob_buf buffer;
+    am::Answer request(buffer);
+    request.text("username", line.user ? line.user : "");
+    request.text("password", password);
+    request.text("filePath", line.url);
+    explicit_bzero(password, sizeof password);
+    if (!change(enforcement ? "GETavDpiStats" : "GETavAppMonStats", request.message())) return kFailed;
+    puts("the upload has been started; the daemon's log tells when it fails");
+    return kDone;
+}
+
+int kitCommand(const CommandLine &line) {
+    if (strcmp(line.word(1), "install") == 0) return install(line);
+    return offlineKitCommand(line);
+}
+
+}  // namespace ctl
