@@ -18,7 +18,7 @@ import subprocess
 import tempfile
 import unittest
 
-from world import TREE, wait_until
+from world import PATIENCE, TREE, wait_until
 
 # Reserved for documentation (RFC 5737, RFC 3849).
 CLIENT = {4: "192.0.2.11", 6: "2001:db8:1::11"}
@@ -68,7 +68,7 @@ class Host:
         self.enter = tuple(enter)
         self.children = []
 
-    def run(self, *command, check=True, seconds=30, **options):
+    def run(self, *command, check=True, seconds=max(30, PATIENCE), **options):
         """The command's output; with check=False the finished process itself."""
         done = subprocess.run([*self.enter, *map(str, command)], capture_output=True, text=True, timeout=seconds,
                               check=False, **{"stdin": subprocess.DEVNULL, **options})
