@@ -112,7 +112,7 @@ void visitClassified(const nlmsghdr *message, void *) {
     Connection connection;
     if (!readConnection(message, connection)) return;
     const uint32_t appId = sideSettings.marks.application(connection.mark);
-    if (newlyEnforced.test(appId)) (void)markConnection(connection, sideSettings.marks.verdict(appId, true));
+    if (newlyEnforced[appId]) (void)markConnection(connection, sideSettings.marks.verdict(appId, true));
 }
 
 // Connections that were classified as an application before that came onto the list are enforced from now on.
@@ -131,9 +131,9 @@ void lookForNewlyEnforced() {
     amModelLock.soleWriterReads();
     for (uint32_t appId = 0; appId < enforced.size(); appId++) {
         const bool now = appId < amMaxAppIdCount && isEnforced(appId);
-        if (now && !enforced.test(appId)) newlyEnforced.set(appId);
-        if (!now) newlyEnforced.reset(appId);
-        enforced.set(appId, now);
+        if (now && !enforced[appId]) newlyEnforced[appId] = true;
+        if (!now) newlyEnforced[appId] = false;
+        enforced[appId] = now;
     }
     if (newlyEnforced.none()) return;
     markNewlyEnforced();

@@ -67,7 +67,10 @@ class Daemon(unittest.TestCase):
 
     def test_engine_finds_its_symbols_and_nothing_else(self):
         exported = re.findall(r" (?:GLOBAL|WEAK|UNIQUE)\s+\w+\s+(?!UND)\w+ (\S+)", readelf("--dyn-syms"))
-        self.assertEqual(["am_capture_flow_func", "capture_flow_func", "pcap"] if IS_DAEMON else [], sorted(exported))
+        if not IS_DAEMON:  # it loads none: variables of the C library may have been moved into it
+            self.assertEqual([], [name for name in exported if "@GLIBC" not in name])
+            return
+        self.assertEqual(["am_capture_flow_func", "capture_flow_func", "pcap"], sorted(exported))
 
     @unittest.skipUnless(OPTIMISED and "X86-64" in readelf("--file-header"), "the limit is that of x86-64 at -O2")
     def test_is_small(self):
