@@ -40,8 +40,12 @@ class Row {
 
 class Questions {
   public:
-    Questions(const Server &server, Facts &facts, std::string &error)
-        : server_(server), facts_(facts), error_(error) {}
+    Questions(const Server &server, const Wanted &wanted, Facts &facts, std::string &error)
+        : server_(server), facts_(facts), error_(error) {
+        // A range, which the tables' order serves.  What follows "/" is "0".
+        if (!wanted.site.empty())
+            site_ = " AND Box >= " + quoted(wanted.site + '/') + " AND Box < " + quoted(wanted.site + '0');
+    }
 
     [[nodiscard]] bool findPeriod(const Wanted &wanted);
     [[nodiscard]] bool countLines();
@@ -62,6 +66,7 @@ class Questions {
     ClickHouse server_;
     Facts &facts_;
     std::string &error_;
+    std::string site_;         // a condition that goes on with AND
     std::string box_ = "Box";  // what stands for a box's name
 };
 
@@ -87,8 +92,8 @@ constexpr char kByFlow[] =
 // growth() of facts.h, of two columns.
 std::string growth(const std::string &now, const std::string &before) {
     const std::string turned = "(" + now + " + 4294967296)";
-    return "if(" + now + " >= " + before + ", toUInt64(" + now + " - " + before + "), if(" + turned + " >= " + before +
-           ", toUInt64(" + turned + " - " + before + "), toUInt64(0)))";
+    return "if(" + now + " >= " + before + ", toUInt64(" + now + " - " + before + "), if(" + turned +
+           " >= " + before + ", toUInt64(" + turned + " - " + before + "), toUInt64(0)))";
 }
 
 std::string timeText(int64_t time) {
@@ -97,7 +102,7 @@ std::string timeText(int64_t time) {
 
 std::string Questions::during(const char *column, int64_t begin) const {
     return std::string(column) + " >= " + timeText(begin) + " AND " + column + " < " +
-           timeText(facts_.period.to);
+           timeText(facts_.period.to) + site_;
 }
 
 std::string Questions::bucketOf(const char *time) const {
@@ -152,7 +157,7 @@ bool Questions::findPeriod(const Wanted &wanted) {
         const std::string time(column);
         return ask("SELECT count(), toInt64(toUInt32(min(" + time + "))), toInt64(toUInt32(max(" + time +
                        "))) FROM " + table + " WHERE " + time + " <= " + timeText(latest) + " AND " + time +
-                       " > " + timeText(wanted.to != 0 ? latest - 2 * wanted.seconds : 0),
+                       " > " + timeText(wanted.to != 0 ? latest - 2 * wanted.seconds : 0) + site_,
                    [&](Row &row) {
                        if (row.number<uint64_t>() == 0) return;
                        any = true;
@@ -234,7 +239,8 @@ bool Questions::rankTalkers(std::string &hosts) {
     const std::string monitored =
         "SELECT IpA AS A, IpB AS B, toUInt64(0) AS Bytes, toUInt64(1) AS Flows FROM monitoring FINAL WHERE " +
         during("Time", facts_.period.from);
-    const std::string contacts = "SELECT A, B, Grown AS Bytes, Flows FROM (" + grown() + ") UNION ALL " + monitored;
+    const std::string contacts =
+        "SELECT A, B, Grown AS Bytes, Flows FROM (" + grown() + ") UNION ALL " + monitored;
     return ask(
         std::string("SELECT hex(Host), ") + kHostText +
             " AS Text, sum(Bytes) AS b, sum(Flows) AS n FROM (SELECT " + kHosts + ", Bytes, Flows FROM (" +
@@ -281,7 +287,7 @@ bool Questions::readTalkers() {
 
 bool factsFromClickHouse(const Server &server, const Wanted &wanted, Facts &facts, std::string &error) {
     facts.source = "ClickHouse";
-    Questions questions(server, facts, error);
+    Questions questions(server, wanted, facts, error);
     return questions.findPeriod(wanted) && questions.countLines() && questions.findBoxes() &&
            questions.readCells() && questions.readTalkers();
 }

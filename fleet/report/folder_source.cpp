@@ -240,6 +240,7 @@ bool factsFromFolder(const std::string &folder, const Wanted &wanted, Facts &fac
     forEachFolder(
         top.get(), [](const std::string &) { return false; },
         [&](const std::string &path, const std::vector<std::string> &files) {
+            if (!wanted.site.empty() && !path.starts_with(wanted.site + '/')) return;
             reader.readBox(top.get(), path, path.empty() ? printable(own) : printable(path), files);
         });
     std::vector<Line> &lines = reader.lines();

@@ -18,13 +18,14 @@ Writes one HTML file that needs nothing else.
   -o, --output FILE      (korvid-report.html; - for standard output)
   --period LENGTH        such as 90m, 24h, 7d (24h)
   --to TIME              end of the period, seconds since the epoch (the newest record)
+  --site NAME            only boxes whose folders lie in this one
   --box NAME             whose files lie in FOLDER itself (this host's name)
   --database NAME        (korvid)
   --user NAME            and its password from the first line of a file:
   --password-file FILE
 )";
 
-enum Option : int { kServer = 256, kDatabase, kUser, kPassword, kPeriod, kTo, kBox };
+enum Option : int { kServer = 256, kDatabase, kUser, kPassword, kPeriod, kTo, kSite, kBox };
 
 constexpr option kOptions[] = {{"server", required_argument, nullptr, kServer},
                                {"database", required_argument, nullptr, kDatabase},
@@ -32,6 +33,7 @@ constexpr option kOptions[] = {{"server", required_argument, nullptr, kServer},
                                {"password-file", required_argument, nullptr, kPassword},
                                {"period", required_argument, nullptr, kPeriod},
                                {"to", required_argument, nullptr, kTo},
+                               {"site", required_argument, nullptr, kSite},
                                {"box", required_argument, nullptr, kBox},
                                {"output", required_argument, nullptr, 'o'},
                                {"help", no_argument, nullptr, 'h'},
@@ -72,6 +74,9 @@ bool take(int option, const char *value, Arguments &out) {
             return readLength(value, out.wanted.seconds);
         case kTo:
             return fleet::readWithin(value, 1, UINT32_MAX, out.wanted.to);
+        case kSite:
+            out.wanted.site = value;
+            return true;
         case kBox:
             out.wanted.box = value;
             return true;

@@ -16,6 +16,7 @@ KORVID_EMBED(korvidPage, KORVID_PAGE_DIR "/page/page.html");
 KORVID_EMBED(korvidStyle, KORVID_PAGE_DIR "/page/page.css");
 KORVID_EMBED(korvidScript, KORVID_PAGE_DIR "/page/page.js");
 KORVID_EMBED(korvidPlotStyle, KORVID_PAGE_DIR "/uplot/uPlot.min.css");
+KORVID_EMBED(korvidPlotLicence, KORVID_PAGE_DIR "/uplot/LICENSE");
 KORVID_EMBED(korvidPlot, KORVID_PAGE_DIR "/uplot/uPlot.iife.min.js");
 
 namespace fleet {
@@ -53,6 +54,7 @@ std::string pageOf(const std::string &json) {
         {"@PLOT_STYLE@", std::string(between(korvidPlotStyleBegin, korvidPlotStyleEnd))},
         {"@STYLE@", std::string(between(korvidStyleBegin, korvidStyleEnd))},
         {"@DATA@", json},
+        {"@PLOT_LICENCE@", std::string(between(korvidPlotLicenceBegin, korvidPlotLicenceEnd))},
         {"@PLOT@", std::string(plot)},
         {"@SCRIPT@", std::string(script)},
     };

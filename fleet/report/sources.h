@@ -11,6 +11,7 @@ namespace fleet {
 struct Wanted {
     int64_t seconds = 86400;  // length of the period
     int64_t to = 0;           // its end; 0: the newest record
+    std::string site;         // boxes of this folder only; empty: all
     std::string box;          // name of the folder's own files; empty: the host's
 };
 

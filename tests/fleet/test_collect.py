@@ -209,6 +209,14 @@ class Collect(Spool):
         self.collect()
         self.assertEqual(sorted(self.quarantined()), before)
 
+    def test_old_months_are_dropped_and_no_others(self):
+        records.put(self.spool / "a", "monitoring", [records.monitored(self.now - days * DAY) for days in (0, 20, 100, 200)])
+        self.collect("--oldest", "0")
+        for node in self.cluster.nodes:
+            subprocess.run([clickhouse.TREE / "fleet/schema/drop-older", "2", "--host", clickhouse.ADDRESS, "--port", str(node.native)],
+                           check=True, cwd=self.top, stdout=subprocess.DEVNULL)
+        self.assertEqual(self.count("monitoring"), 2)
+
     def test_names_and_files_that_are_not_what_they_seem(self):
         line = [records.monitored(self.now)]
         secret = self.top / "secret"

@@ -88,16 +88,18 @@ class Report(unittest.TestCase):
 
     @unittest.skipUnless(browser.installed() and clickhouse.installed(), "chromium or clickhouse-server is not installed")
     def test_numbers_are_those_of_the_query(self):
-        test_collect.generate(self.spool, 3, 6, 4000, 2 * test_collect.DAY)
-        folder = data_of(report(self.top / "folder.html", self.spool))
+        self.spool.mkdir()
+        test_collect.generate(self.spool / "north", 3, 6, 4000, 2 * test_collect.DAY)
+        records.put(self.spool / "south/elsewhere", "monitoring", [records.monitored(int(time.time()) + 60)])
+        folder = data_of(report(self.top / "folder.html", "--site", "north", self.spool))
         with clickhouse.Cluster(self.top / "clickhouse", shards=2) as cluster:
             subprocess.run([BUILD / "fleet/korvid-collect", "--server", cluster.first.url, "--settle", "0", "--once",
                             self.spool], check=True, stderr=subprocess.DEVNULL)
-            page = report(self.top / "fleet.html", "--server", cluster.first.url)
+            page = report(self.top / "fleet.html", "--site", "north", "--server", cluster.first.url)
             facts = data_of(page)
             # Monitored flows need no growth: a plain query has them.
             monitored = {name: int(count) for name, count in cluster.rows(
-                "SELECT Application, count() FROM korvid.monitoring FINAL WHERE Box = 'box-00002' AND "
+                "SELECT Application, count() FROM korvid.monitoring FINAL WHERE Box = 'north/box-00002' AND "
                 f"Time >= toDateTime({facts['from']}) AND Time < toDateTime({facts['to']}) GROUP BY Application")}
         self.assertGreater(len(facts["cells"]["time"]), 5000)
         for cells, keys in (("cells", ("time", "box", "application", "group")), ("talkerCells", ("talker", "time", "box", "application"))):
@@ -111,12 +113,12 @@ class Report(unittest.TestCase):
                 expected[name] += row[1]
         self.assertEqual({row[0]: int(row[1]) for row in self.file(shown, "Applications")}, dict(expected))
         # One box and the second half of the day.
-        shown.run(CHOOSE % ("box", "'box-00002'", "box"))
+        shown.run(CHOOSE % ("box", "'north/box-00002'", "box"))
         self.assertEqual({row[0]: int(row[4]) for row in self.file(shown, "Applications") if row[4] != "0"}, monitored)
         half = shown.run("document.getElementById('to').length") // 2
         shown.run(CHOOSE % ("from", half, "from"))
         cells = facts["cells"]
-        chosen = [i for i in range(cells["count"]) if facts["boxes"][cells["box"][i]] == "box-00002" and cells["time"][i] >= half]
+        chosen = [i for i in range(cells["count"]) if facts["boxes"][cells["box"][i]] == "north/box-00002" and cells["time"][i] >= half]
         for section in ("Applications", "Groups", "Boxes"):
             self.assertEqual(sum(int(row[1]) for row in self.file(shown, section)), sum(cells["bytes"][i] for i in chosen), section)
         # A name that is clicked is chosen; what nobody has is nothing.
