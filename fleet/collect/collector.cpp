@@ -55,8 +55,9 @@ sigset_t holdSignals() {
     action.sa_handler = [](int) { stopWanted = 1; };
     (void)sigaction(SIGTERM, &action, nullptr);
     (void)sigaction(SIGINT, &action, nullptr);
-    // Of a lease that somebody's writing breaks.
+    // Of a lease that somebody's writing breaks, and of a server that hangs up.
     (void)signal(SIGIO, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     sigset_t held, before;
     sigemptyset(&held);
     sigaddset(&held, SIGTERM);
@@ -86,6 +87,7 @@ int Collector::run() {
         if (monotonic() >= nextSweep_) sweep();
         takeDue();
         if (batchDue()) flush();
+        if (batch_.empty()) spool_.unlock();  // of files that were no use yet
         progress_.waiting(seen_.size());
         if ((options_.once || options_.dryRun) && seen_.empty() && batch_.empty()) break;
         wait(nextDue());

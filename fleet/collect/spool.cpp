@@ -45,7 +45,7 @@ bool renameTo(int folder, const std::string &from, const std::string &to) {
 }  // namespace
 
 std::string originalName(const std::string &name) {
-    if (!name.ends_with(kLoading)) return name;
+    if (!name.starts_with('.') || !name.ends_with(kLoading)) return name;
     const size_t end = name.rfind('.', name.size() - kLoading.size() - 1);
     return name.substr(1, end - 1);
 }

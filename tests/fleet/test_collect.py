@@ -172,6 +172,25 @@ class Collect(Spool):
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(30), 0)
 
+    def test_files_that_change_or_vanish_while_they_are_waited_for(self):
+        line = [records.monitored(self.now, port=port) for port in range(1, 5)]
+        path, gone = records.put(self.spool / "a", "monitoring", line[:3]), records.put(self.spool / "b", "monitoring", line)
+        with open(self.top / "told", "wb") as told:
+            process = subprocess.Popen(self.command("--settle", "2", "--once"), stderr=told)
+        time.sleep(0.5)
+        gone.unlink()
+        records.put(path.parent, "monitoring", line[3:])  # shorter, in place
+        self.assertEqual((process.wait(30), self.count("monitoring")), (0, 1), (self.top / "told").read_text())
+
+    def test_a_folder_is_locked_while_its_files_are_in_hand_only(self):
+        path = records.put(self.spool / "a", "monitoring", [records.monitored(self.now)])
+        process = subprocess.Popen(self.command(), stderr=subprocess.DEVNULL)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        with open(path, "a", encoding="ascii"):
+            time.sleep(0.5)  # found to be written to
+            subprocess.run(["flock", "--nonblock", self.spool / "a", "true"], check=True)
+
     def test_lines_that_are_none(self):
         good, when = records.monitored(self.now), records.text_of(self.now)
         rows = {
