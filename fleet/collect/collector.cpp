@@ -194,7 +194,8 @@ void Collector::take(const Place &place, const FileState &state) {
 
     std::string reason;
     if (contents_.size() > options_.largest) reason = "larger than record files are";
-    if (digestDiffers({place.folder, file.original}, contents_)) reason = "not what its digest says";
+    file.digest = spool_.digestBeside({place.folder, file.original});
+    if (!file.digest.empty() && file.digest != digestOf(contents_)) reason = "not what its digest says";
     if (reason.empty()) {
         load(std::move(file), *kindOfFile(file.original));
         return;
@@ -202,11 +203,6 @@ void Collector::take(const Place &place, const FileState &state) {
     progress_.problem(shown(place, file.original) + ": " + reason + "; set aside");
     if (!spool_.finish(file, kRejected))
         progress_.problem(shown(file.place, file.place.name) + ": cannot be set aside");
-}
-
-bool Collector::digestDiffers(const Place &place, const std::string &contents) const {
-    const std::string digest = spool_.digestBeside(place);
-    return !digest.empty() && digest != digestOf(contents);
 }
 
 const char *Collector::timeProblem(const am::RecordLine &line) const {

@@ -44,7 +44,6 @@ class Collector {
     void forget(const Place &place);
     void takeDue();
     void take(const Place &place, const FileState &state);
-    [[nodiscard]] bool digestDiffers(const Place &place, const std::string &contents) const;
     void load(ClaimedFile &&file, am::RecordKind kind);
     [[nodiscard]] const char *timeProblem(const am::RecordLine &line) const;
     void noticeOlder(const ClaimedFile &file, am::RecordKind kind, int64_t first, std::string &report);

@@ -116,6 +116,10 @@ bool Spool::finish(const ClaimedFile &file, std::string_view end) {
     struct stat status {};
     if (fstatat(folder, file.place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
     if (fleet::stateOf(status) != file.state) return false;
+    // That of a later upload may be there already.
+    const Place before{file.place.folder, file.original};
+    if (!file.digest.empty() && digestBeside(before) == file.digest)
+        (void)unlinkat(folder, (file.original + ".md5").c_str(), 0);
     if (end.empty()) return unlinkat(folder, file.place.name.c_str(), 0) == 0;
     const std::string base = file.place.name.substr(0, file.place.name.size() - kLoading.size());
     return renameTo(folder, file.place.name, base + std::string(end));

@@ -41,6 +41,7 @@ struct FileState {
 struct ClaimedFile {
     Place place;           // under its name as a claimed one
     std::string original;  // its name before that
+    std::string digest;    // that it was compared with; empty: none
     FileState state;       // as it was read
 };
 
@@ -66,8 +67,8 @@ class Spool {
     // none.
     [[nodiscard]] std::string digestBeside(const Place &place) const;
 
-    // Gives a claimed file the name of its end, or removes it for an empty one.  False: it has been written
-    // to since it was read, or that failed: it is still to be loaded.
+    // Gives a claimed file the name of its end, or removes it for an empty one; the digest beside it goes.
+    // False: it has been written to since it was read, or that failed: it is still to be loaded.
     [[nodiscard]] bool finish(const ClaimedFile &file, std::string_view end);
 
     // Removes what was done so many seconds ago.

@@ -257,6 +257,7 @@ class Collect(Spool):
         boxes = sorted(row[0] for row in self.cluster.rows("SELECT Box FROM korvid.monitoring FINAL FORMAT TSVRaw"))
         self.assertEqual(boxes, sorted([r"new\x0aline", r"caf\xe9", *strange[2:6], r"b\x5cc", "right"]))
         self.assertIn("wrong/appmon_monitor_flow_records.csv: not what its digest says; set aside", told)
+        self.assertEqual(list(self.spool.rglob("*.md5")), [], "one is left for the next upload, which it will not fit")
         self.assertTrue((self.spool / "d/HAppSig.upgrade_kit").exists() and secret.exists())
 
     def test_a_quarantine_without_room_holds_the_file_back(self):
