@@ -1,17 +1,11 @@
 // Reads the configuration file and applies it.  Every member may be missing or of another type than expected.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cinttypes>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "appmodel/app_lists.h"
 #include "config/config_file.h"
 #include "config/config_members.h"
+#include "config/file_before.h"
 #include "core/handle.h"
 #include "core/log.h"
 #include "core/paths.h"
@@ -25,42 +19,6 @@ namespace {
 using am::objectMember;
 using am::textMember;
 using Json = std::unique_ptr<cJSON, am::Closer<cJSON_Delete>>;
-
-// Far above what every application of a kit on both lists and in a group takes; parsing needs many times the
-// file's size.
-constexpr off_t kLargestFile = off_t{32} << 20;
-
-// Reads the whole of a file of that size; fewer bytes when it has shrunk meanwhile.  A zero ends them.
-am::CText readText(int fd, size_t size) {
-    am::CText text(static_cast<char *>(malloc(size + 1)));
-    if (!text) return nullptr;
-    size_t length = 0;
-    while (length < size) {
-        const ssize_t got = read(fd, text.get() + length, size - length);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return nullptr;
-        if (got == 0) break;
-        length += static_cast<size_t>(got);
-    }
-    text.get()[length] = '\0';
-    return text;
-}
-
-am::CText readFile(const char *path) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // not to wait for the writer of a pipe
-    if (fd < 0) return nullptr;
-    struct stat file;
-    am::CText text;
-    if (fstat(fd, &file) == 0 && S_ISREG(file.st_mode)) {
-        if (file.st_size <= kLargestFile)
-            text = readText(fd, static_cast<size_t>(file.st_size));
-        else
-            amLog(AM_LOG_ERROR, "%s:%d %s is too large: %" PRId64 " bytes\n", "amParseConfigFromFile",
-                  __LINE__, path, static_cast<int64_t>(file.st_size));
-    }
-    (void)close(fd);
-    return text;
-}
 
 enum class AdminState { kNotGiven, kEnable, kOther };
 
@@ -139,7 +97,7 @@ void amParseSignatureProfile(const cJSON *profile) {
 }
 
 void amParseConfigFromFile() {
-    const am::CText text = readFile(kConfigPath);
+    const am::CText text = am::readConfigFile(kConfigPath);
     if (!text) return;
     const Json root(cJSON_Parse(text.get()));
     const cJSON *const profiles = cJSON_GetObjectItem(root.get(), "ApplicationVisbilityProfile");

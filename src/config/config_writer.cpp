@@ -6,6 +6,7 @@
 #include "appmodel/app_lists.h"
 #include "appmodel/app_pool.h"
 #include "config/config_file.h"
+#include "config/file_before.h"
 #include "config/replace_file.h"
 #include "core/handle.h"
 #include "core/log.h"
@@ -185,6 +186,7 @@ void amWriteConfigToFile() {
         return;
     }
 
+    am::keepConfigBefore(root.get());
     // The line end takes the place of the terminator: the text is not looked at as a C string again.
     const size_t length = strlen(text);
     text[length] = '\n';

@@ -40,8 +40,10 @@ void printConfiguration(const Fields &configuration) {
              timeText(configuration.number("saved_at")).text, unsaved ? ", changes not saved" : "");
     row("configuration", text, unsaved ? Colour::strong : Colour::none);
     if (*configuration.text("kept")) {
-        snprintf(text, sizeof text, "the file before it is kept as %s: the save left out %s",
-                 configuration.text("kept"), configuration.text("dropped"));
+        const char *const dropped = configuration.text("dropped");
+        snprintf(text, sizeof text, "the file of before %s is kept as %s%s%s",
+                 timeText(configuration.number("kept_at")).text, configuration.text("kept"),
+                 *dropped ? ": the save left out " : "", dropped);
         row("", text, Colour::strong);
     }
 }

@@ -4,6 +4,7 @@
 
 #include "appmodel/app_pool.h"
 #include "config/config_file.h"
+#include "config/file_before.h"
 #include "core/paths.h"
 #include "flows/kernel_side.h"
 #include "flows/mirroring.h"
@@ -50,6 +51,10 @@ void addConfiguration(Answer &answer) {
     answer.text("file", kConfigPath);
     answer.number("saved_at", exists ? static_cast<uint64_t>(file.st_mtime) : 0);
     answer.flag("unsaved_changes", configChanged());
+    if (stat(kConfigBeforePath, &file) != 0) return;
+    answer.text("kept", kConfigBeforePath);
+    answer.number("kept_at", static_cast<uint64_t>(file.st_mtime));
+    answer.text("dropped", configDropped);
 }
 
 void addFile(Answer &answer, const char *path, const RecordState &state, uint64_t waiting) {

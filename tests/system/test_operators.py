@@ -112,6 +112,29 @@ class Operators(case.SystemTest):
         self.world.advance(301)
         self.assertIn(f"records cannot be written: {MONITORED}", self.problems())
 
+    def test_a_save_that_drops_groups_or_lists_keeps_the_file_before_it(self):
+        self.prepare()
+        self.world.call("SETappMonActivateAppList")
+        before = world.CONFIG.read_text()
+        old = world.CONFIG.with_name("dpi.conf.old")
+        self.world.call("CREATEavDpiAppList", {"appList": [{"appName": "Games"}]})
+        self.world.call("SETappMonActivateAppList")
+        self.assertFalse(old.exists(), "nothing is dropped")
+        world.CONFIG.write_text(before.replace('"enable"', '"disable"'))
+        kept = world.CONFIG.read_text()
+        self.world.restart_daemon()
+        self.world.enable()
+        self.assertEqual(old.read_text(), kept, "the restart applied nothing, the state was saved")
+        self.assertEqual(old.stat().st_mode & 0o777, 0o600)
+        configuration = self.world.ask("status")["configuration"]
+        self.assertEqual((configuration["kept"], configuration["dropped"]),
+                         (str(old), "1 group, the enforcement list, the monitoring list"))
+        self.world.disable()
+        self.assertEqual(old.read_text(), kept)
+        world.CONFIG.write_text("{ a comma is missing here")
+        self.world.enable()
+        self.assertEqual(old.read_text(), "{ a comma is missing here")
+
     def test_lists_are_paged_sorted_and_filtered(self):
         apps = {number: f"App{number:05}" for number in range(1, 1001)}
         self.world.install_kit(apps=apps)
