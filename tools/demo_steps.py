@@ -24,6 +24,21 @@ def call(system, method, arguments):
     print(json.dumps(system.reply(method, arguments)), flush=True)
 
 
+def ask(*words):
+    """What an operator types, and sees."""
+    print("$ korvidctl", *words, flush=True)
+    colour = ["--color"] if sys.stdout.isatty() else []
+    subprocess.run([world.BUILD / "src/ctl/korvidctl", "-s", world.BUS_SOCKET, *colour, *map(str, words)], check=False)
+
+
+def what_is_on_the_network(system):
+    say("What is on the network, and why is this flow enforced?")
+    ask("top", "-1")
+    flows = system.ask("flows", limit=1)["flows"]
+    if flows:
+        ask("explain", *(flows[0][key] for key in ("protocol", "source", "source_port", "destination", "destination_port")))
+
+
 def show_lines(lines, most):
     print("\n".join(lines[:most]))
     if len(lines) > most:
@@ -115,10 +130,10 @@ def export(system):
 def restart(system):
     say("The daemon is restarted: kit, group, lists and state come back from /var/config/dpi.conf")
     system.restart_daemon(clock=True)
-    system.log_level("INFO")
-    print("$ ubus call dpi SetavDebugSettings '{\"debugPrintDb\":\"yes\"}'    (to the log)")
-    lines = system.dump("yes").splitlines()
-    print("\n".join(line for line in lines if "Grp-Name" in line or "App-Name" in line or "List" in line))
+    system.ask("status")
+    ask("status")
+    ask("groups", "web")
+    ask("apps", "--list", "enforced", "--sort", "name")
 
 
 def verdicts(system):
@@ -144,6 +159,7 @@ def by_application(flows):
 def demonstrate(system, mode, capture, name):
     configure(system)
     traffic(system, mode, capture, name)
+    what_is_on_the_network(system)
     records(system)
     show("/flash/appmon_monitor_flow_records.csv")
     export(system)
@@ -158,6 +174,7 @@ def classify(system, mode, capture, name):
     played = system.module.stats()
     playing.finish_flows(system, min(played["mirrored"], ENGINE_FLOWS))
     flows = system.module.command("verdicts")["verdicts"]
+    what_is_on_the_network(system)
     records(system)
     say("What the kernel was told, flow by flow")
     verdicts(system)
@@ -202,16 +219,21 @@ def main():
 
 def shell(system, _, capture, name):
     configure(system)
-    tools = [world.BUILD / "platform/bus", world.BUILD / "platform/kernel", world.TREE / "platform/engine"]
+    system.ask("status")
+    for words in (("status",), ("top", "-1"), ("explain", "HTTP")):
+        ask(*words)
+    tools = [world.BUILD / "src/ctl", world.BUILD / "platform/bus", world.BUILD / "platform/kernel", world.TREE / "platform/engine"]
     profile = pathlib.Path("/tmp/profile")
     profile.write_text(f"""PS1='korvid$ '
 PATH={':'.join(map(str, tools))}:$PATH
+korvidctl() {{ command korvidctl -s {world.BUS_SOCKET} "$@"; }}
+. {world.TREE}/packaging/completion/korvidctl
 ubus() {{ command ubus -s {world.BUS_SOCKET} "$@"; }}
 module() {{ dpimod --ask {world.MODULE_CONTROL} "$@"; }}
 """)
     say("Everything runs.  Try:")
     print(f"""  ubus list -v dpi                   the fifteen methods
-  ubus call dpi SetavDebugSettings '{{"logLevel":"INFO","debugPrintDb":"yes"}}'; tail /var/log/dpi.log
+  korvidctl status; korvidctl apps    what the daemon knows (korvidctl alone: all that it can do)
   module play {capture}           mirror a capture, here {name}
   module verdicts                    what the kernel was told
   module age-all                     end all flows

@@ -44,7 +44,8 @@ bool readPassword(const char *path, char (&password)[256]) {
     return true;
 }
 
-// The daemon's folder of kits, as this program sees it: a package for routers gives the daemon a root of its own.
+// The daemon's folder of kits, as this program sees it: a package for routers gives the daemon a root of its
+// own.
 const char *flashFolder() {
     static constexpr char kOfPackage[] = "/var/lib/korvid/flash";
     return access(kFlash, F_OK) != 0 && access(kOfPackage, F_OK) == 0 ? kOfPackage : kFlash;
