@@ -19,6 +19,7 @@
 #include "records/mon_records.h"
 #include "records/verdict.h"
 #include "rows.h"
+#include "show/methods.h"
 #include "switch/protocol.h"
 #include "world.h"
 
@@ -203,6 +204,22 @@ void changeLists() {
     }
 }
 
+// What clients of the object korvid ask for, the longest answers: every application sorted, flows that hardly any record
+// matches.
+void answerQuestions() {
+    static blob_buf question, reply;
+    (void)blob_buf_init(&question, 0);
+    (void)blobmsg_add_string(&question, "address", "203.0.113.77");
+    for (int i = 0; i < 10; i++) {
+        am::Answer apps(reply);
+        (void)am::answerApps(apps, nullptr);
+        am::Answer flows(reply);
+        (void)am::answerFlows(flows, question.head);
+        am::Answer counters(reply);
+        (void)am::answerCounters(counters, nullptr);
+    }
+}
+
 }  // namespace
 
 void addWaitRows(Table &table) {
@@ -212,7 +229,8 @@ void addWaitRows(Table &table) {
     } walks[] = {{"longest wait of a verdict, sweep of 1e5 flows", amCleanAgedEnfFlowDb},
                  {"longest wait of a verdict, dump of 1e5 flows", dump},
                  {"longest wait of a verdict, drain", drain},
-                 {"longest wait of a verdict, list changes", changeLists}};
+                 {"longest wait of a verdict, list changes", changeLists},
+                 {"longest wait of a verdict, operators' questions", answerQuestions}};
     table.add(Figure{.what = "longest wake-up of a waiting thread, with 20 us of waiting",
                      .unit = "us",
                      .limits = {},

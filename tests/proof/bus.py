@@ -34,6 +34,54 @@ def broker_dies(run):
 
 
 @fault
+def many_that_look(run):
+    """50 clients page through 65,536 applications and 100,000 flows while packets come as fast as they are read
+
+    answers all of them, loses no packet, counts every verdict; memory stays flat
+    """
+    clients, flows = 50, 100_000
+    run.start("--report-interval", "0")
+    run.install_kit(numbered="65536:App")
+    run.call("CREATEavDpiAppList", {"appList": [{"appName": f"App{number}"} for number in range(1, 200)]})
+    run.enable()
+    ports = ",".join(str(10000 + number) for number in range(1, 200))
+    run.module.command(f"generate flows={flows} packets={flows} ports={ports} family=both")
+    run.module.command("wait 120000", timeout=120)
+    sizes, answers, stop = [run.status("VmRSS")], [0] * clients, threading.Event()
+
+    def look(number):
+        with client(run) as bus:
+            offset = cursor = None
+            while not stop.is_set():
+                page = {"limit": 200, "sort": ("flows", "name", "recent")[number % 3]} | ({"offset": offset} if offset else {})
+                status, _ = bus.answer(bus.ask("apps", members(page), "korvid"))
+                page = {"limit": 150} | ({"address": "192.0.2.77"} if number % 2 else {})
+                other, data = bus.answer(bus.ask("flows", members(page), "korvid"))
+                run.check(status == other == 0 and data, f"statuses {status}, {other}")
+                offset = ((offset or 0) + 200) % 65536
+                answers[number] += 2
+    threads = [threading.Thread(target=look, args=(number,)) for number in range(clients)]
+    for thread in threads:
+        thread.start()
+    before = run.module.stats()
+    run.module.command(f"generate flows={flows // 2} packets={5 * flows} first={2 * flows} ports={ports} family=both")
+    run.module.command("wait 120000", timeout=120)
+    stop.set()
+    for thread in threads:
+        thread.join()
+    run.provoke(sum(answers))
+    stats = run.module.stats()
+    lost = {name: value - before[name] for name, value in stats.items() if name.startswith("dropped_") and value != before[name]}
+    if lost:
+        run.lost(str(lost))
+    world.wait_until(lambda: run.ask("counters")["counters"]["verdicts.judged"] == run.module.stats()["results"], "every verdict")
+    counters = run.ask("counters")["counters"]
+    run.check(counters["packets.received"] == stats["mirrored"], f"{counters['packets.received']} of {stats['mirrored']} packets")
+    run.check(all(answers), "a client without an answer")
+    run.check(run.status("VmRSS") < sizes[0] + 24576, f"resident memory, kB: {sizes[0]}, {run.status('VmRSS')}")
+
+
+@fault
 def requests_in_a_row(run):
     """10,000 requests in a row, half of them not waiting for the answer to the one before
 
