@@ -21,8 +21,8 @@
 #include "core/handle.h"
 #include "ctl/command_line.h"
 #include "ctl/engine_check.h"
-#include "kit/kit_contents.h"
 #include "kit/kit_folders.h"
+#include "kit/kit_members.h"
 #include "kit/signature.h"
 
 namespace ctl {

@@ -3,31 +3,13 @@
 #pragma once
 #include <cstdint>
 
-#include "appmodel/app_pool.h"
+#include "kit/kit_members.h"
 
-extern int32_t qel_kit_compatability_version;  // the compatibility level that this daemon accepts
-extern char amKitVersion[50];                  // first line of the version file, without its line end
-extern int amKitUpgradeType;                   // 1 when the last version read kept the major number
+extern char amKitVersion[50];  // first line of the version file, without its line end
+extern int amKitUpgradeType;   // 1 when the last version read kept the major number
 
 int amParseKitCompatibality();  // 1 when the test extraction is of a compatible kit
 int amParseKitVersion();        // 1 when the version file was read
-
-namespace am {
-
-// The first line of an extracted kit's version file; empty without one.
-struct KitVersion {
-    char text[50];
-};
-KitVersion readKitVersion(const char *directory);
-
-// The compatibility level of an extracted kit, 0 where it names none.  False without the member.
-[[nodiscard]] bool readKitLevel(const char *directory, int32_t &level);
-
-// What a line of the index says; the line is modified.  The name as the line has it, cut at 32 characters in
-// `app`.
-const char *parseIndexLine(char *line, AmAppNode &app);
-
-}  // namespace am
 
 // The application index: text lines of fields separated by runs of ","; the first line is a header.
 //

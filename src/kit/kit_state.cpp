@@ -4,8 +4,8 @@
 #include <ctime>
 
 #include "core/text.h"
-#include "kit/kit_contents.h"
 #include "kit/kit_folders.h"
+#include "kit/kit_members.h"
 #include "kit/kit_update.h"
 
 constinit am::KitState am::kitState{};

@@ -9,7 +9,7 @@
 #include "flows/kernel_side.h"
 #include "flows/mirroring.h"
 #include "kit/engine.h"
-#include "kit/kit_contents.h"
+#include "kit/kit_members.h"
 #include "kit/kit_state.h"
 #include "kit/md5.h"
 #include "records/app_records.h"
