@@ -237,9 +237,14 @@ typename Ip::Flow *search(const typename Ip::Key *key) REQUIRES(amEnfFlowLock) {
 }
 
 template <class Ip>
-void noteUntold(const capture_flow_info &info) EXCLUDES(amEnfFlowLock) {
+typename Ip::Key keyOf(const capture_flow_info &info) {
     typename Ip::Key key{};
     setKey<Ip>(key, info);
+    return key;
+}
+
+template <class Ip>
+void noteUntold(const typename Ip::Key &key) EXCLUDES(amEnfFlowLock) {
     lockBeforeWalks();
     if (auto *const flow = search<Ip>(&key)) flow->untold = 1;
     amEnfFlowLock.unlock();
@@ -373,12 +378,20 @@ bool findEnfFlow(const AmEnfKey6 &key, AmEnfFlow6 &flow) {
     return copyOf<V6>(key, flow);
 }
 
+void noteUntold(const AmEnfKey4 &key) {
+    ::noteUntold<V4>(key);
+}
+
+void noteUntold(const AmEnfKey6 &key) {
+    ::noteUntold<V6>(key);
+}
+
 void noteUntold4(const capture_flow_info &info) {
-    noteUntold<V4>(info);
+    noteUntold(keyOf<V4>(info));
 }
 
 void noteUntold6(const capture_flow_info &info) {
-    noteUntold<V6>(info);
+    noteUntold(keyOf<V6>(info));
 }
 
 EnfFlowsHeld enfFlowsHeld() {

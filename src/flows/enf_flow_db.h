@@ -101,6 +101,8 @@ namespace am {
 [[nodiscard]] bool findEnfFlow(const AmEnfKey6 &key, AmEnfFlow6 &flow) EXCLUDES(amEnfFlowLock);
 
 // Notes in the flow's record, if it has one, that the kernel did not take its verdict.  Any thread.
+void noteUntold(const AmEnfKey4 &key) EXCLUDES(amEnfFlowLock);
+void noteUntold(const AmEnfKey6 &key) EXCLUDES(amEnfFlowLock);
 void noteUntold4(const capture_flow_info &info) EXCLUDES(amEnfFlowLock);
 void noteUntold6(const capture_flow_info &info) EXCLUDES(amEnfFlowLock);
 

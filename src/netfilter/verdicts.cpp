@@ -83,14 +83,16 @@ void wakeEventLoop() {
     (void)!write(wake.fd, &one, sizeof one);
 }
 
-void wait(const ConnTuple &tuple, uint16_t zone, uint32_t value) REQUIRES(verdictLock) {
+// False without room.
+bool wait(const ConnTuple &tuple, uint16_t zone, uint32_t value) REQUIRES(verdictLock) {
     if (waitingCount == kWaitingRoom) {
         countUp(sideCounts.notKept);
-        return;
+        return false;
     }
     const int64_t now = steadyMs();
     waiting[waitingCount++] = {tuple, value, zone, 1, now, now + 1};
     if (waitingCount == 1) wakeEventLoop();
+    return true;
 }
 
 // One line for many: a kernel that refuses one refuses all.
@@ -104,6 +106,27 @@ void tellRefused(int error) REQUIRES(verdictLock) {
           strerror(-error));
 }
 
+template <class Key>
+Key keyOf(const ConnTuple &tuple) {
+    Key key{};
+    memcpy(&key.fst_ip, tuple.source, sizeof key.fst_ip);
+    memcpy(&key.secnd_ip, tuple.destination, sizeof key.secnd_ip);
+    key.fstPort = tuple.sourcePort;
+    key.scndPort = tuple.destinationPort;
+    key.proto = tuple.proto;
+    return key;
+}
+
+// For people who ask why a flow is not blocked: no connection carries its verdict.
+void noteLost(const ConnTuple &flow) {
+    for (const ConnTuple &tuple : {flow, inverse(flow)}) {
+        if (tuple.family == AF_INET)
+            noteUntold(keyOf<AmEnfKey4>(tuple));
+        else
+            noteUntold(keyOf<AmEnfKey6>(tuple));
+    }
+}
+
 // The verdict at a later try.  False: it goes on waiting.
 bool settle(Waiting &verdict, int64_t now) REQUIRES(verdictLock) {
     const int error = tryBoth(verdict.tuple, verdict.zone, verdict.value);
@@ -114,10 +137,12 @@ bool settle(Waiting &verdict, int64_t now) REQUIRES(verdictLock) {
     }
     if (error != -ENOENT) {
         tellRefused(error);
+        noteLost(verdict.tuple);
         return true;
     }
     if (now - verdict.since >= kPatience) {
         countUp(sideCounts.notFound);
+        noteLost(verdict.tuple);
         return true;
     }
     verdict.due = now + verdict.pause;
@@ -139,7 +164,8 @@ bool isOfFlow(const ConnTuple &packet, const ConnTuple &flow) {
     return false;
 }
 
-void deliver(const ConnTuple &flow, uint32_t value) EXCLUDES(verdictLock) {
+// False: no connection has it, nor will have.
+bool deliver(const ConnTuple &flow, uint32_t value) EXCLUDES(verdictLock) {
     ConnTuple tuple = flow;
     Connection connection;
     uint16_t zone = 0;
@@ -151,15 +177,15 @@ void deliver(const ConnTuple &flow, uint32_t value) EXCLUDES(verdictLock) {
         }
     }
     const AmGuard guard(verdictLock);
-    if (!requests) return;
+    if (!requests) return false;
     if (waitingCount != 0) forgetTuple(tuple);
     const int error = tryBoth(tuple, zone, value);
+    if (error == -ENOENT) return wait(tuple, zone, value);
     if (error == 0)
         countUp(sideCounts.marked);
-    else if (error == -ENOENT)
-        wait(tuple, zone, value);
     else
         tellRefused(error);
+    return error == 0;
 }
 
 struct V4 {
@@ -197,8 +223,11 @@ int sendResult(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(am
     }
     const MarkLayout &marks = sideSettings.marks;
     if (info->app_id > marks.maxApplication()) countUp(sideCounts.tooLarge);
-    deliver(flow, marks.verdict(info->app_id, match == 1));
-    if (match == 1) (void)Ip::record(info);
+    const bool delivered = deliver(flow, marks.verdict(info->app_id, match == 1));
+    if (match == 1) {
+        (void)Ip::record(info);
+        if (!delivered) noteLost(flow);
+    }
     return 1;
 }
 

@@ -1,7 +1,7 @@
 """What operators of a router ask: the numbers of the daemon against those of the kernel's own counters."""
 import unittest
 
-from test_daemon import Router
+from test_daemon import RULES, Router
 from world import wait_until
 
 
@@ -26,6 +26,21 @@ class Operators(unittest.TestCase):
             self.assertEqual({flow["application"] for flow in flows}, {"HTTP"})
             flow = {name: flows[0][name] for name in ("protocol", "source", "source_port", "destination", "destination_port")}
             self.assertIn("is HTTP and is enforced", router.world.ask("explain", **flow)["conclusion"])
+
+    def test_a_verdict_that_no_connection_takes_is_told(self):
+        """A host whose packets are not tracked: there is no connection to be marked."""
+        rules = RULES.replace("chain others {", "chain untracked { type filter hook prerouting priority raw; notrack\n }\n"
+                              "    chain others {").replace("ct mark & 0x20000 == 0 ct packets < 33 counter", "counter")
+        with Router("http", rules=rules) as router:
+            router.enforce(web=["HTTP"])
+            router.lab.client.run("curl", "-s", "-o", "/dev/null", "--max-time", 2, router.lab.url("http", 4), check=False)
+            lost = lambda: router.world.ask("counters")["counters"]["kernel.verdicts_not_found"]
+            wait_until(lost, "a verdict that is given up")
+            flow = router.world.ask("flows")["flows"][0]
+            self.assertEqual(flow["state"], "not taken by the kernel")
+            names = ("protocol", "source", "source_port", "destination", "destination_port")
+            self.assertIn("the kernel did not take the verdict",
+                          router.world.ask("explain", **{name: flow[name] for name in names})["conclusion"])
 
 
 if __name__ == "__main__":
