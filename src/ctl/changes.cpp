@@ -141,7 +141,7 @@ class Before {
     }
 
   private:
-    const Names &names_;
+    Names names_;
     const char *flag_;
     bool on_[kMostWords];
 };
@@ -216,7 +216,7 @@ int changeList(const ListWords &list, const CommandLine &line) {
     }
     if (!allKnown(names) || !allGroups(line)) return kFailed;
     if (remove && !mayBeRemoved(list, names, line)) return kFailed;
-    static Before before(names, list.flag);
+    const Before before(names, list.flag);
     static blob_buf buffer;
     am::Answer request(buffer);
     if (remove)

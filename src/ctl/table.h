@@ -27,7 +27,7 @@ class Table {
     // What has been added, cut to `width` characters a line (0: not cut); the titles before the first row
     // only.
     void print(unsigned width = 0);
-    size_t rows() const { return cellCount_ / columnCount_; }
+    size_t rows() const { return columnCount_ ? cellCount_ / columnCount_ : 0; }
 
   private:
     struct Cell {

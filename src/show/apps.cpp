@@ -36,11 +36,11 @@ bool isOneOf(const char *text, const char *const *texts, size_t count, size_t &w
 bool readQuestion(const blob_attr *message, Question &question) {
     const char *list = "all", *sort = "flows";
     const Argument arguments[] = {
-        {.name = "list", .kind = Kind::text, .text = &list},
-        {.name = "name", .kind = Kind::text, .text = &question.name},
-        {.name = "sort", .kind = Kind::text, .text = &sort},
-        {.name = "limit", .kind = Kind::number, .number = &question.page.limit, .most = Page::kMost},
-        {.name = "offset", .kind = Kind::number, .number = &question.page.offset},
+        {.name = "list", .text = &list},
+        {.name = "name", .text = &question.name},
+        {.name = "sort", .text = &sort},
+        {.name = "limit", .number = &question.page.limit, .most = Page::kMost},
+        {.name = "offset", .number = &question.page.offset},
     };
     static constexpr const char *kSorts[] = {"flows", "recent", "name"};
     static constexpr const char *kLists[] = {"all", "enforced", "monitored", "none", "seen"};

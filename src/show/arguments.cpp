@@ -20,7 +20,7 @@ bool takeNumber(const Member &member, const Argument &argument) {
 }
 
 bool take(const Member &member, const Argument &argument) {
-    if (argument.kind == Kind::number) return takeNumber(member, argument);
+    if (argument.number) return takeNumber(member, argument);
     *argument.text = member.text();
     return *argument.text != nullptr;
 }

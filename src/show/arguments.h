@@ -10,12 +10,10 @@ extern "C" {
 
 namespace am {
 
-enum class Kind : uint8_t { text, number };
-
-// An argument that a method takes, and where it goes; what the request does not name stays as it is.
+// An argument that a method takes, and where it goes, as a text or as a number; what the request does not
+// name stays as it is.
 struct Argument {
     const char *name;
-    Kind kind;
     const char **text = nullptr;  // lives as long as the message
     uint32_t *number = nullptr;
     uint32_t most = UINT32_MAX;  // of a number

@@ -32,15 +32,12 @@ struct Question {
 
 bool readQuestion(const blob_attr *message, Question &question) {
     const Argument arguments[] = {
-        {.name = "application", .kind = Kind::text, .text = &question.application},
-        {.name = "protocol", .kind = Kind::text, .text = &question.protocol},
-        {.name = "source", .kind = Kind::text, .text = &question.source},
-        {.name = "destination", .kind = Kind::text, .text = &question.destination},
-        {.name = "source_port", .kind = Kind::number, .number = &question.sourcePort, .most = UINT16_MAX},
-        {.name = "destination_port",
-         .kind = Kind::number,
-         .number = &question.destinationPort,
-         .most = UINT16_MAX},
+        {.name = "application", .text = &question.application},
+        {.name = "protocol", .text = &question.protocol},
+        {.name = "source", .text = &question.source},
+        {.name = "destination", .text = &question.destination},
+        {.name = "source_port", .number = &question.sourcePort, .most = UINT16_MAX},
+        {.name = "destination_port", .number = &question.destinationPort, .most = UINT16_MAX},
     };
     return takeArguments(message, arguments);
 }

@@ -126,10 +126,10 @@ void onToIpv6(Cursor &cursor) {
 int readQuestion(const blob_attr *message, Question &question, Cursor &cursor) {
     const char *application = nullptr, *address = nullptr, *cursorText = nullptr;
     const Argument arguments[] = {
-        {.name = "application", .kind = Kind::text, .text = &application},
-        {.name = "address", .kind = Kind::text, .text = &address},
-        {.name = "limit", .kind = Kind::number, .number = &question.page.limit, .most = Page::kMost},
-        {.name = "cursor", .kind = Kind::text, .text = &cursorText},
+        {.name = "application", .text = &application},
+        {.name = "address", .text = &address},
+        {.name = "limit", .number = &question.page.limit, .most = Page::kMost},
+        {.name = "cursor", .text = &cursorText},
     };
     if (!takeArguments(message, arguments) || !readCursor(cursorText, cursor))
         return UBUS_STATUS_INVALID_ARGUMENT;

@@ -35,9 +35,9 @@ int answerGroups(Answer &answer, const blob_attr *message) {
     const char *name = nullptr;
     Page page;
     const Argument arguments[] = {
-        {.name = "name", .kind = Kind::text, .text = &name},
-        {.name = "limit", .kind = Kind::number, .number = &page.limit, .most = Page::kMost},
-        {.name = "offset", .kind = Kind::number, .number = &page.offset},
+        {.name = "name", .text = &name},
+        {.name = "limit", .number = &page.limit, .most = Page::kMost},
+        {.name = "offset", .number = &page.offset},
     };
     if (!takeArguments(message, arguments)) return UBUS_STATUS_INVALID_ARGUMENT;
     if (!name) {
