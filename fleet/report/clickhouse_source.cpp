@@ -54,6 +54,7 @@ class Questions {
     [[nodiscard]] bool readTalkers();
 
   private:
+    [[nodiscard]] bool findTimes(int64_t begin, int64_t end, int64_t &first, int64_t &last);
     template <class Take>
     [[nodiscard]] bool ask(const std::string &query, const Take &take);
 
@@ -149,35 +150,60 @@ std::string Questions::grown() const {
            during("IntEnd", facts_.period.lookBack()) + " GROUP BY Box, Flow HAVING max(IntEnd) >= " + from;
 }
 
-bool Questions::findPeriod(const Wanted &wanted) {
-    const int64_t latest = wanted.to != 0 ? wanted.to - 1 : time(nullptr) + 86400;
-    int64_t first = latest, last = 0;
+constexpr const char *kTables[][2] = {
+    {"enforcement", "IntEnd"}, {"monitoring", "Time"}, {"applications", "Hour"}};
+
+std::string timesQuery(const char *table, const std::string &time, int64_t begin, int64_t end) {
+    return "SELECT count(), toInt64(toUInt32(min(" + time + "))), toInt64(toUInt32(max(" + time +
+           "))) FROM " + table + " WHERE " + time + " >= " + timeText(begin) + " AND " + time +
+           " <= " + timeText(end);
+}
+
+// The oldest and the newest time from `begin` to `end`; false without an error: there is none.
+bool Questions::findTimes(int64_t begin, int64_t end, int64_t &first, int64_t &last) {
     bool any = false;
-    const auto look = [&](const char *table, const char *column) {
-        const std::string time(column);
-        return ask("SELECT count(), toInt64(toUInt32(min(" + time + "))), toInt64(toUInt32(max(" + time +
-                       "))) FROM " + table + " WHERE " + time + " <= " + timeText(latest) + " AND " + time +
-                       " > " + timeText(wanted.to != 0 ? latest - 2 * wanted.seconds : 0) + site_,
-                   [&](Row &row) {
-                       if (row.number<uint64_t>() == 0) return;
-                       any = true;
-                       first = std::min(first, row.number<int64_t>());
-                       last = std::max(last, row.number<int64_t>());
-                   });
-    };
-    if (!look("enforcement", "IntEnd") || !look("monitoring", "Time") || !look("applications", "Hour"))
-        return false;
-    if (!any) error_ = "no records";
-    facts_.period = periodOf(first, wanted.to != 0 ? latest : last, wanted.seconds);
+    for (const auto &[table, column] : kTables) {
+        const bool asked = ask(timesQuery(table, column, begin, end) + site_, [&](Row &row) {
+            if (row.number<uint64_t>() == 0) return;
+            const auto oldest = row.number<int64_t>(), newest = row.number<int64_t>();
+            first = any ? std::min(first, oldest) : oldest;
+            last = any ? std::max(last, newest) : newest;
+            any = true;
+        });
+        if (!asked) return false;
+    }
     return any;
 }
 
+bool Questions::findPeriod(const Wanted &wanted) {
+    constexpr int64_t kDay = 86400;
+    int64_t first = 0, last = wanted.to - 1;
+    if (wanted.to == 0) {
+        // Mostly they are of today; a look at years of them takes long.
+        const int64_t latest = time(nullptr) + kDay;
+        bool found = false;
+        for (const int64_t begin : {latest - 2 * kDay, latest - 35 * kDay, int64_t{0}}) {
+            found = findTimes(begin, latest, first, last);
+            if (found || !error_.empty()) break;
+        }
+        if (!found) {
+            if (error_.empty()) error_ = "no records";
+            return false;
+        }
+    }
+    int64_t newest = 0;
+    if (!findTimes(last - wanted.seconds + 1, last, first, newest)) {
+        if (error_.empty()) error_ = "no records";
+        return false;
+    }
+    facts_.period = periodOf(first, last, wanted.seconds);
+    return true;
+}
+
 bool Questions::countLines() {
-    const char *const tables[][2] = {
-        {"enforcement", "IntEnd"}, {"monitoring", "Time"}, {"applications", "Hour"}};
-    for (size_t i = 0; i < std::size(tables); i++)
-        if (!ask(std::string("SELECT count() FROM ") + tables[i][0] + " FINAL WHERE " +
-                     during(tables[i][1], facts_.period.before),
+    for (size_t i = 0; i < std::size(kTables); i++)
+        if (!ask(std::string("SELECT count() FROM ") + kTables[i][0] + " FINAL WHERE " +
+                     during(kTables[i][1], facts_.period.before),
                  [&](Row &row) { facts_.lines[i] = row.number<uint64_t>(); }))
             return false;
     return true;

@@ -248,14 +248,18 @@ bool factsFromFolder(const std::string &folder, const Wanted &wanted, Facts &fac
         error = folder + ": no records";
         return false;
     }
-    int64_t first = std::numeric_limits<int64_t>::max(), last = std::numeric_limits<int64_t>::min();
     const int64_t latest = wanted.to != 0 ? wanted.to - 1 : time(nullptr) + 86400;
-    for (const Line &line : lines) {
-        first = std::min(first, line.time);
+    int64_t last = wanted.to != 0 ? latest : 0;
+    for (const Line &line : lines)
         if (line.time <= latest) last = std::max(last, line.time);
+    int64_t first = std::numeric_limits<int64_t>::max();
+    for (const Line &line : lines)
+        if (line.time > last - wanted.seconds && line.time <= last) first = std::min(first, line.time);
+    if (first > last) {
+        error = folder + ": no records of that time";
+        return false;
     }
-    last = wanted.to != 0 ? latest : last;
-    facts.period = periodOf(std::min(first, last), last, wanted.seconds);
+    facts.period = periodOf(first, last, wanted.seconds);
     nameBoxes(lines, facts);
     widen(facts.period, facts.boxes.all().size());
     sortByFlow(lines);

@@ -85,6 +85,8 @@ class Report(unittest.TestCase):
         self.assertEqual([size for at, size in zip(cells["time"], cells["bytes"]) if at < 0], [1000])
         self.assertEqual(sum(cells["bytes"]), 2 ** 32 + 99, "the counter of 32 bits has turned once")
         self.assertEqual(sum(cells["enforced"]), 1)
+        earlier = data_of(report(self.top / "page.html", "--period", "1h", "--to", now - 4000, self.spool))
+        self.assertEqual(earlier["cells"]["bytes"], [1000])
 
     @unittest.skipUnless(browser.installed() and clickhouse.installed(), "chromium or clickhouse-server is not installed")
     def test_numbers_are_those_of_the_query(self):
