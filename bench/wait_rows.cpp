@@ -204,8 +204,8 @@ void changeLists() {
     }
 }
 
-// What clients of the object korvid ask for, the longest answers: every application sorted, flows that hardly any record
-// matches.
+// What clients of the object korvid ask for, the longest answers: every application sorted, flows that hardly
+// any record matches.
 void answerQuestions() {
     static blob_buf question, reply;
     (void)blob_buf_init(&question, 0);

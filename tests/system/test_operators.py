@@ -111,6 +111,8 @@ class Operators(case.SystemTest):
         MONITORED.mkdir()
         self.world.advance(301)
         self.assertIn(f"records cannot be written: {MONITORED}", self.problems())
+        world.CLOCK.write_text("-400000000")
+        self.assertIn("the clock is before 2020: records carry wrong times", self.problems())
 
     def test_a_save_that_drops_groups_or_lists_keeps_the_file_before_it(self):
         self.prepare()
