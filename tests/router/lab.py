@@ -90,8 +90,8 @@ class Host:
             with contextlib.suppress(ProcessLookupError):
                 os.killpg(child.pid, signal.SIGKILL)
             child.wait()
-            if child.stdout:
-                child.stdout.close()
+            for stream in filter(None, (child.stdin, child.stdout)):
+                stream.close()
         self.children.clear()
 
 

@@ -2,7 +2,7 @@
 import unittest
 
 import lab
-from test_daemon import Router, totals
+from router_daemon import Router, totals
 from world import wait_until
 
 MIRROR = f"{lab.MIRROR} counter name mirrored"

@@ -1,7 +1,7 @@
 """What operators of a router ask: the numbers of the daemon against those of the kernel's own counters."""
 import unittest
 
-from test_daemon import RULES, Router
+from router_daemon import RULES, Router
 from world import wait_until
 
 
@@ -11,7 +11,7 @@ class Operators(unittest.TestCase):
             router.enforce(web=["HTTP"])
             for family in (4, 6, 4):
                 router.lab.client.run("curl", "-s", "-o", "/dev/null", "--max-time", 2, router.lab.url("http", family), check=False)
-            counters = lambda: router.world.ask("counters")["counters"]
+            counters = router.counters
             wait_until(lambda: counters()["verdicts.judged"] >= 3, "verdicts")
             wait_until(lambda: counters()["packets.received"] + counters()["kernel.packets_lost"] ==
                        router.lab.counted("mirrored"), "every packet that the kernel mirrored")

@@ -5,7 +5,7 @@ import subprocess
 import unittest
 
 import lab
-from test_daemon import Router
+from router_daemon import Router
 from world import PATIENCE, TREE, wait_until
 
 # The group "social" is HTTP here, and so is the application that an example names.

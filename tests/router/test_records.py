@@ -1,0 +1,95 @@
+"""korvid-netfilter's records against what the kernel counted: ends told and untold, restarts, a day."""
+import os
+import pathlib
+import signal
+import unittest
+
+from router_daemon import FLOOD, Router, totals
+from world import wait_until
+
+
+class Records(unittest.TestCase):
+    def test_records_hold_what_the_kernel_counted(self):
+        with Router("http", "dns", block="", daemon={"clock": True}) as router:
+            router.enforce(web=["HTTP", "DNS"])
+            ask = router.conversation()
+            ask()
+            for version in (4, 6):
+                router.lab.client.run("dig", f"@{router.lab.target(version)}", "www.example.com")
+            wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == 3, "marks")
+            router.lab.client.run("ping", "-c", "3", "-i", "0.1", router.lab.target(4))  # not enforced
+            router.lab.end_connections("-p", "icmp")
+            ended = [totals(line) for line in router.lab.connections("-p", "udp")]
+            router.lab.end_connections("-p", "udp")
+
+            def both():
+                return [record for record in router.records() if record["Application"] == "DNS"]
+            records = wait_until(lambda: (both() if len(both()) == 2 else None), "two records")
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records], ended)
+            self.assertTrue(all(r["End"] != "-" and r["Application-Group"] == "web" for r in records))
+            self.assertEqual(router.counters()["kernel.ends"], 2, "others' ends reach the daemon")
+
+            def running():
+                return [record for record in router.records() if record["Application"] == "HTTP"]
+            for count in (1, 2):
+                self.assertEqual(len(running()), count)
+                self.assertEqual(len(running()), count, "a flow that stands still is reported again")
+                ask()
+            running()
+            lines = running()
+            self.assertEqual(len({record["byteCount"] for record in lines}), 3)
+            self.assertEqual({record["End"] for record in lines}, {"-"})
+            # An end that nobody tells: the next dump finds out.
+            pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_events").write_text("0")
+            last = totals(router.lab.connections("-p", "tcp")[0])
+            router.lab.end_connections()
+            ends = [record for record in router.records() if record["Application"] == "HTTP" and record["End"] != "-"]
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in ends], [last])
+
+    def test_a_daemon_that_is_killed_goes_on_where_it_stopped(self):
+        with Router("http", daemon={"clock": True}) as router:
+            router.enforce(web=["HTTP"])
+            router.world.call("SETappMonActivateAppList")
+            router.large_transfer()
+            wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
+            before, mirrored = router.marks(), router.lab.counted("mirrored")
+            start = router.records()
+            for number in (signal.SIGKILL, signal.SIGTERM, signal.SIGINT):
+                router.world.daemon.stop(number)
+                router.world.start_daemon(clock=True)
+                self.assertEqual(router.marks(), before)
+                self.assertEqual(len(router.elements("group_web")), 1)
+                blocked = router.lab.counted("blocked")
+                wait_until(lambda: router.lab.counted("blocked") > blocked, "a packet of the connection")
+            self.assertEqual(router.lab.counted("mirrored"), mirrored)  # nothing classified anew
+            last = totals(router.lab.connections("-p", "tcp")[0])
+            router.lab.end_connections()
+            records = router.records()
+            self.assertEqual({record["Start"] for record in start + records}, {records[0]["Start"]})
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records if r["End"] != "-"], [last])
+
+    def test_a_day_leaves_one_line_for_each_flow_and_nothing_behind(self):
+        with Router("dns", daemon={"clock": True}) as router:
+            router.enforce(web=["DNS"])
+            quarters, flows = 96, 10
+
+            def held():
+                return len(os.listdir(f"/proc/{router.world.daemon.pid}/fd")), router.world.status("VmRSS")
+            for quarter in range(quarters):
+                router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, flows, 1000)
+                wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == flows, "every mark")
+                router.lab.end_connections()
+                router.world.advance(901)
+                if quarter == quarters // 8:
+                    before = held()
+            lines = router.records()
+            self.assertEqual(len(lines), quarters * flows)
+            self.assertEqual({(line["pktCount"], line["End"] == "-") for line in lines}, {("2", False)})
+            descriptors, memory = held()
+            self.assertEqual(descriptors, before[0])
+            if not os.environ.get("KORVID_SANITIZE"):
+                self.assertLess(memory - before[1], 512, "kB more than in the morning")
+
+
+if __name__ == "__main__":
+    unittest.main()
