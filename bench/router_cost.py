@@ -17,7 +17,7 @@ from router import lab
 from world import BUILD, World
 
 ROUNDS, REQUESTS, SECONDS, LONELY = 5, 10_000, 2, 50
-LOOP = BUILD / "tests/router/router_loop"
+LOOP = BUILD / "bench/bare-loop"
 RULES = """table inet korvid {
     counter mirrored { }
     chain mirror { type filter hook forward priority -10

@@ -39,17 +39,10 @@ bool isIcmp(const ConnTuple &tuple) {
     return tuple.proto == attrsOf(tuple.family).icmp;
 }
 
-// Bits of a dump's filter (CTA_FILTER_ORIG_FLAGS and its twin): what of a tuple is to be compared.  The
-// kernel's interface, though its public headers do not name them.
-enum FilterBit : uint32_t {
-    kFilterSource = 1U << 0,
-    kFilterProto = 1U << 3,
-    kFilterSourcePort = 1U << 4,
-};
-
-void putTuple(nlmsghdr *request, uint16_t direction, const ConnTuple &tuple) {
+// The name of the direction means nothing here: the kernel finds a connection by either of its tuples.
+void putTuple(nlmsghdr *request, const ConnTuple &tuple) {
     const FamilyAttrs &attrs = attrsOf(tuple.family);
-    nlattr *whole = mnl_attr_nest_start(request, direction);
+    nlattr *whole = mnl_attr_nest_start(request, CTA_TUPLE_ORIG);
     nlattr *part = mnl_attr_nest_start(request, CTA_TUPLE_IP);
     mnl_attr_put(request, attrs.source, attrs.addressSize, tuple.source);
     mnl_attr_put(request, attrs.destination, attrs.addressSize, tuple.destination);
@@ -71,14 +64,6 @@ void putTuple(nlmsghdr *request, uint16_t direction, const ConnTuple &tuple) {
 void putMark(nlmsghdr *request, MarkBits bits) {
     mnl_attr_put_u32(request, CTA_MARK, htonl(bits.value));
     mnl_attr_put_u32(request, CTA_MARK_MASK, htonl(bits.mask));
-}
-
-nlmsghdr *putTupleRequest(void *buffer, uint8_t message, const ConnTuple &tuple, uint16_t zone) {
-    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_CTNETLINK, message, tuple.family);
-    // The name of the direction means nothing here: the kernel finds a connection by either of its tuples.
-    putTuple(request, CTA_TUPLE_ORIG, tuple);
-    if (zone != 0) mnl_attr_put_u16(request, CTA_ZONE, htons(zone));
-    return request;
 }
 
 template <uint16_t Max>
@@ -138,14 +123,11 @@ bool readAttributes(const Attributes<CTA_TIMESTAMP> &attributes, uint8_t family,
     if (!readDirection(attributes[CTA_TUPLE_ORIG], family, connection.original)) return false;
     if (!readDirection(attributes[CTA_TUPLE_REPLY], family, connection.reply)) return false;
     connection.mark = readLong(attributes, CTA_MARK);
-    connection.status = readLong(attributes, CTA_STATUS);
-    connection.id = readLong(attributes, CTA_ID);
     connection.zone = readWord(attributes, CTA_ZONE);
     connection.counted = readCounters(attributes[CTA_COUNTERS_ORIG], connection.sent);
     connection.counted &= readCounters(attributes[CTA_COUNTERS_REPLY], connection.received);
-    const Attributes<CTA_TIMESTAMP_STOP> times(attributes[CTA_TIMESTAMP]);
+    const Attributes<CTA_TIMESTAMP_START> times(attributes[CTA_TIMESTAMP]);
     connection.start = readDouble(times, CTA_TIMESTAMP_START);
-    connection.stop = readDouble(times, CTA_TIMESTAMP_STOP);
     return true;
 }
 
@@ -157,12 +139,12 @@ uint16_t typeOf(uint8_t message) {
 
 int setConnectionMark(const mnl_socket *socket, const ConnTuple &tuple, uint16_t zone, MarkBits bits) {
     alignas(nlmsghdr) char buffer[kConntrackRequestSize] = {};
-    return sendRequest(socket, buildMarkUpdate(buffer, tuple, zone, bits));
-}
-
-int deleteConnection(const mnl_socket *socket, const ConnTuple &tuple, uint16_t zone) {
-    alignas(nlmsghdr) char buffer[kConntrackRequestSize] = {};
-    return sendRequest(socket, putTupleRequest(buffer, IPCTNL_MSG_CT_DELETE, tuple, zone));
+    // Without NLM_F_CREATE: what is not there is not made.
+    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_NEW, tuple.family);
+    putTuple(request, tuple);
+    if (zone != 0) mnl_attr_put_u16(request, CTA_ZONE, htons(zone));
+    putMark(request, bits);
+    return sendRequest(socket, request);
 }
 
 bool readConnection(const nlmsghdr *message, Connection &connection) {
@@ -184,31 +166,9 @@ ConnTuple forwardTuple(const Connection &connection) {
     return seen;
 }
 
-nlmsghdr *buildMarkUpdate(void *buffer, const ConnTuple &tuple, uint16_t zone, MarkBits bits) {
-    // Without NLM_F_CREATE: what is not there is not made.
-    nlmsghdr *request = putTupleRequest(buffer, IPCTNL_MSG_CT_NEW, tuple, zone);
-    putMark(request, bits);
-    return request;
-}
-
 nlmsghdr *buildMarkDump(void *buffer, MarkBits bits) {
     nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET, AF_UNSPEC);
     putMark(request, bits);
-    return request;
-}
-
-nlmsghdr *buildForwardSearch(void *buffer, const ConnTuple &seen) {
-    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET, seen.family);
-    putTuple(request, CTA_TUPLE_ORIG, seen);
-    putTuple(request, CTA_TUPLE_REPLY, inverse(seen));
-    nlattr *filter = mnl_attr_nest_start(request, CTA_FILTER);
-    uint32_t bits = kFilterProto;
-    // Linux takes equal IPv6 addresses for different ones here and the other way round (seen up to 6.18).
-    if (seen.family == AF_INET) bits |= kFilterSource;
-    if (seen.sourcePort != 0 || seen.destinationPort != 0) bits |= kFilterSourcePort;
-    mnl_attr_put_u32(request, CTA_FILTER_ORIG_FLAGS, bits);
-    mnl_attr_put_u32(request, CTA_FILTER_REPLY_FLAGS, bits);
-    mnl_attr_nest_end(request, filter);
     return request;
 }
 

@@ -22,9 +22,6 @@ struct MarkBits {
 // seen before the kernel enters the connection.  Nothing else of the connection is touched.
 int setConnectionMark(const mnl_socket *socket, const ConnTuple &tuple, uint16_t zone, MarkBits bits);
 
-// Ends the tracking of the connection; its end is reported as any other.  0, or a negative error number.
-int deleteConnection(const mnl_socket *socket, const ConnTuple &tuple, uint16_t zone);
-
 struct ConnCounters {
     uint64_t packets, bytes;
 };
@@ -34,8 +31,8 @@ struct Connection {
     ConnTuple
         reply;  // as answers look on their way in: differs from the inverse where addresses are translated
     ConnCounters sent, received;  // of the original and the reply direction; zero unless the kernel accounts
-    uint64_t start, stop;         // nanoseconds since the epoch; 0 unless the kernel keeps times
-    uint32_t mark, status, id;
+    uint64_t start;               // nanoseconds since the epoch; 0 unless the kernel keeps times
+    uint32_t mark;
     uint16_t zone;
     bool counted;  // whether the kernel told counters
 };
@@ -48,15 +45,10 @@ bool readConnection(const nlattr *nest, uint8_t family, Connection &connection);
 // already translated, source not yet.
 ConnTuple forwardTuple(const Connection &connection);
 
-// Requests, built in a zero-filled buffer of kConntrackRequestSize bytes.
+// Request for a dump of the connections whose mark has these bits, in a zero-filled buffer of
+// kConntrackRequestSize bytes.
 inline constexpr size_t kConntrackRequestSize = 320;
-nlmsghdr *buildMarkUpdate(void *buffer, const ConnTuple &tuple, uint16_t zone, MarkBits bits);
-nlmsghdr *buildMarkDump(void *buffer, MarkBits bits);  // of connections whose mark has these bits
-
-// Dump for finding the connections whose packets look like this at the FORWARD hook; the answer has others,
-// too, before Linux 5.8 all there are.  The kernel walks its whole table: for those that no tuple finds,
-// translated at both ends.
-nlmsghdr *buildForwardSearch(void *buffer, const ConnTuple &seen);
+nlmsghdr *buildMarkDump(void *buffer, MarkBits bits);
 
 // Lets the socket receive the end of every connection whose mark has one of these bits; the kernel keeps all
 // other messages from the socket, answers to requests included.  0, or a negative error number.

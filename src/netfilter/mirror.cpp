@@ -24,19 +24,12 @@ namespace am {
 
 namespace {
 
-// Batches: eight packets cost one wake-up, and the first of them waits for the others a hundredth of a second
-// at most, which is the kernel's smallest step.
-constexpr uint32_t kBatchPackets = 8;
-constexpr uint32_t kBatchBytes = 65536;
-constexpr uint32_t kBatchHundredths = 1;
-constexpr uint32_t kSnapLength = 4072;  // engines look at the beginning of a packet
-constexpr size_t kReceive = 2 * size_t{kBatchBytes};
 constexpr int kSocketBuffer = 4 << 20;
 constexpr int kBindAgain = 1000;  // milliseconds
 constexpr int64_t kTellPeriod = 10'000;
 
 mnl_socket *packets = nullptr;
-alignas(nlmsghdr) char received[kReceive] GUARDED_BY(amEngineGate);
+alignas(nlmsghdr) char received[kNflogReceive] GUARDED_BY(amEngineGate);
 NflogLosses losses GUARDED_BY(amEngineGate);
 
 void onBindAgain(uloop_timeout *);
@@ -83,8 +76,7 @@ bool takeBatch(size_t length) REQUIRES(amEngineGate) {
 }
 
 int bindGroup() REQUIRES(amEngineGate) {
-    const NflogSettings settings{sideSettings.group, kSnapLength, kBatchPackets, kBatchBytes,
-                                 kBatchHundredths};
+    const NflogSettings settings{.group = sideSettings.group};
     losses = {};
     int error = 0;
     const NflogBound bound = bindNflog(packets, settings, error);

@@ -13,16 +13,6 @@ namespace am {
 
 namespace {
 
-// The kernel says "not permitted" for a group that another one listens to as well.  A request that it never
-// supports tells which: rights are looked at first.
-bool isPermitted(const mnl_socket *socket) {
-    alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
-    nlmsghdr *unsupported = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_PACKET, AF_UNSPEC);
-    return sendRequest(socket, unsupported) != -EPERM;
-}
-
-}  // namespace
-
 nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags) {
     nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, settings.group);
     request->nlmsg_flags |= NLM_F_ACK;  // what comes behind the answer is packets
@@ -37,6 +27,16 @@ nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t f
     mnl_attr_put_u16(request, NFULA_CFG_FLAGS, htons(flags));
     return request;
 }
+
+// The kernel says "not permitted" for a group that another one listens to as well.  A request that it never
+// supports tells which: rights are looked at first.
+bool isPermitted(const mnl_socket *socket) {
+    alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
+    nlmsghdr *unsupported = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_PACKET, AF_UNSPEC);
+    return sendRequest(socket, unsupported) != -EPERM;
+}
+
+}  // namespace
 
 nlmsghdr *buildNflogUnbind(void *buffer, uint16_t group) {
     nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, group);
@@ -61,33 +61,19 @@ NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, in
     return NflogBound::no;
 }
 
-int unbindNflog(const mnl_socket *socket, uint16_t group) {
-    for (;;) {
-        alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
-        const int error = sendRequest(socket, buildNflogUnbind(buffer, group));
-        // Packets had filled the socket; it is empty now.
-        if (error == -ENOBUFS) continue;
-        return error == -ENODEV ? 0 : error;
-    }
-}
-
 bool readNflogPacket(const nlmsghdr *message, NflogPacket &packet) {
     packet = {};
-    const nfgenmsg *family = familyHeader(message);
-    if (!family || message->nlmsg_type != (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET)) return false;
+    if (message->nlmsg_type != (NFNL_SUBSYS_ULOG << 8 | NFULNL_MSG_PACKET)) return false;
     const Attributes<NFULA_CT_INFO> attributes(message);
-    packet.payload = attributes[NFULA_PAYLOAD];
-    if (!packet.payload) return false;
-    packet.packet = {static_cast<const uint8_t *>(mnl_attr_get_payload(packet.payload)),
-                     mnl_attr_get_payload_len(packet.payload)};
-    packet.family = family->nfgen_family;
+    const nlattr *payload = attributes[NFULA_PAYLOAD];
+    if (!payload) return false;
+    packet.packet = {static_cast<const uint8_t *>(mnl_attr_get_payload(payload)),
+                     mnl_attr_get_payload_len(payload)};
     packet.connection = attributes[NFULA_CT];
     if (uint32_t number; attributes.read(NFULA_SEQ, number)) {
         packet.sequence = ntohl(number);
         packet.numbered = true;
     }
-    if (uint32_t mark; attributes.read(NFULA_MARK, mark)) packet.mark = ntohl(mark);
-    if (nfulnl_msg_packet_hdr header; attributes.read(NFULA_PACKET_HDR, header)) packet.hook = header.hook;
     return true;
 }
 

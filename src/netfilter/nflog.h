@@ -11,13 +11,17 @@
 
 namespace am {
 
+// The daemon's settings by default.  Engines look at the beginning of a packet.  Batches: eight packets cost
+// one wake-up, and the first of them waits for the others a hundredth of a second at most, which is the
+// kernel's smallest step.
 struct NflogSettings {
-    uint16_t group;
-    uint32_t snapLength;       // bytes kept of a packet, from its IP header on
-    uint32_t batchPackets;     // what the kernel gathers before it hands over
-    uint32_t batchBytes;       // the same; what one receive must have room for.  At most 131072
-    uint32_t batchHundredths;  // of a second: how long the first packet of a batch waits for others
+    uint16_t group = 26;
+    uint32_t snapLength = 4072;    // bytes kept of a packet, from its IP header on
+    uint32_t batchPackets = 8;     // what the kernel gathers before it hands over
+    uint32_t batchBytes = 65536;   // the same; at most 131072
+    uint32_t batchHundredths = 1;  // of a second: how long the first packet of a batch waits for others
 };
+inline constexpr size_t kNflogReceive = 2 * size_t{NflogSettings{}.batchBytes};  // room for any batch
 
 enum class NflogBound : uint8_t { no, plain, withConnections };
 
@@ -26,22 +30,14 @@ enum class NflogBound : uint8_t { no, plain, withConnections };
 // or -EOPNOTSUPP for a kernel without NFLOG.  Closing the socket unbinds, too.
 NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, int &error);
 
-// Lets go of the group; packets that wait on the socket may be thrown away.  0, or a negative error number.
-int unbindNflog(const mnl_socket *socket, uint16_t group);
-
-// The requests, in a zero-filled buffer of kNflogRequestSize bytes.
+// The request that lets go of the group, in a zero-filled buffer of kNflogRequestSize bytes.
 inline constexpr size_t kNflogRequestSize = 128;
-nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags);
 nlmsghdr *buildNflogUnbind(void *buffer, uint16_t group);
 
 struct NflogPacket {
     std::span<const uint8_t> packet;  // from its IP header on, cut to the snap length; within the message
-    const nlattr *payload;            // the attribute that holds it
     const nlattr *connection;         // attributes of its connection, for readConnection; null if not told
     uint32_t sequence;                // counts the group's packets from 0
-    uint32_t mark;                    // the packet's own
-    uint8_t hook;                     // NF_INET_FORWARD and its kin
-    uint8_t family;                   // protocol family of the rule that logged it
     bool numbered;
 };
 

@@ -9,13 +9,14 @@
 #include "core/counts.h"
 #include "core/log.h"
 #include "netfilter/mark.h"
+#include "netfilter/nflog.h"
 
 namespace am {
 
 // From the command line; written before any thread starts.
 struct SideSettings {
-    uint16_t group = 26;                    // of NFLOG
-    MarkLayout marks = kDefaultMarkLayout;  // the daemon's bits of connections' marks
+    uint16_t group = NflogSettings{}.group;  // of NFLOG
+    MarkLayout marks = kDefaultMarkLayout;   // the daemon's bits of connections' marks
 };
 extern SideSettings sideSettings;
 
