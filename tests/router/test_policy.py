@@ -14,9 +14,16 @@ LOG_GROUP = 27  # the kernel's log has no place in a network of its own
 HERE = {"app_BitTorrent": "app_HTTP", "app_YouTube": "app_HTTP", "192.168.1.10": SECOND_CLIENT,
         'log prefix "korvid social: "': f"log group {LOG_GROUP}"}
 
-# Bytes a second of a transfer from the web server, its beginning left out, in which the limit's bucket is full.
-RATE = """import sys, time, urllib.request
-answer = urllib.request.urlopen(sys.argv[1])
+# Bytes a second of a transfer from the web server, on a connection that has its verdict: else the first of it comes as fast
+# as it can.  The beginning is left out, in which the limit's bucket is full.
+RATE = """import http.client, sys, time
+connection = http.client.HTTPConnection(sys.argv[1])
+connection.request("GET", "/")
+connection.getresponse().read()
+print("asked", flush=True)
+sys.stdin.readline()
+connection.request("GET", "/large")
+answer = connection.getresponse()
 answer.read(int(sys.argv[2]))
 begin = time.monotonic()
 print(int(sys.argv[3]) / (time.monotonic() - begin) if len(answer.read(int(sys.argv[3]))) else 0)"""
@@ -73,9 +80,13 @@ class Policy(unittest.TestCase):
         rate = 200 * 1024
         with self.router("limit-application") as router:
             router.lab.file("large", 20 * rate)
-            measured = router.lab.client.run("python3", "-c", RATE, router.lab.url("http", 4, "large"), 2 * rate,
-                                             8 * rate)
-            self.assertAlmostEqual(float(measured) / rate, 1, delta=0.2)
+            client = router.lab.client.start("python3", "-uc", RATE, router.lab.target(4), 2 * rate, 8 * rate, text=True,
+                                             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            self.assertEqual(client.stdout.readline(), "asked\n")
+            wait_until(lambda: router.lab.connections("--mark", "0x30000/0x30000"), "a verdict")
+            client.stdin.write("\n")
+            client.stdin.close()
+            self.assertAlmostEqual(float(client.stdout.readline()) / rate, 1, delta=0.2)
 
     def test_a_priority_is_seen_by_the_server(self):
         with self.router("dscp") as router:
