@@ -95,12 +95,12 @@ build_log() {
 
 build_count() { sed -n '$s|^\[\([0-9]*\)/\([0-9]*\)\].*|\1 of \2|p' "$1"; }
 
-# What the demo runs, in the folder that demo_build names: a release build that is there already, else one of its own
+# What a demo runs ($1, a target), in the folder that demo_build names: a release build that is there already, else one of its own
 # with nothing else in it.
 build_demo() {
     demo_build=build/demo
     [ ! -f build/release/build.ninja ] || demo_build=build/release
-    step "building the daemon and its stand-ins" build/build.log build_count build_log "${demo_build#build/}" demo_programs
+    step "building the daemon and its stand-ins" build/build.log build_count build_log "${demo_build#build/}" "$1"
 }
 
 # Tests of one preset: every case a line in ctest, failures with their output.  A test that a busy machine kept from
