@@ -148,6 +148,7 @@ class Signatures(case.SystemTest):
         world.CONFIG.write_text('{"ApplicationVisbilityProfile": [{"reloadSignFile": "force"}]}')
         self.world.restart_daemon()
         self.assertEqual((self.applications(), self.world.ask("status")["kit"]["refusal"]), (0, "it has no signature"))
+        self.assertNotIn("Unable to", self.log(), "one line tells it")
         server = Nginx(pathlib.Path("/tmp/fileserver")).start()
         self.addCleanup(server.stop)
         world.make_kit(server.store / "kit", apps=NEW, sign="/tmp/ours.sec")
