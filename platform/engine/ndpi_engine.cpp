@@ -5,6 +5,7 @@
 // An application is named on evidence in the flow's packets alone, never guessed from a port or from other
 // flows of the hosts: a policy hangs on it.
 #include <ndpi_api.h>
+#include <netinet/in.h>
 #include <sys/random.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@ namespace {
 constexpr uint32_t kMaxFlows = 65536;
 constexpr uint16_t kMaxPackets = 32;     // inspected of a flow
 constexpr uint64_t kIdleTime = 120'000;  // ms
+constexpr uint64_t kQuietTime = 30'000;  // ms; a kernel forgets a flow of UDP after as long
 constexpr int kExpiriesPerPacket = 4;    // so that no packet waits for a crowd of flows that expire together
 constexpr uint32_t kFlowStateDone = 0;   // the classifier holds nothing more of the flow
 constexpr size_t kLongestPacket = 65535, kSlack = 256;
@@ -111,12 +113,19 @@ void noteEnd(Flow &flow, const Packet &packet, bool swapped) {
     if (flow.finsSeen == 3) finish(flow);
 }
 
+// Whether a packet begins another flow between the same ends: the ports of one that is over are used again.
+// A kernel that has its verdict need not show us the end of a flow, nor the middle.
+bool beginsAnother(const Flow &flow, const Packet &packet, uint64_t now) {
+    const bool over = flow.finsSeen == 3 || !flow.detection;
+    if (packet.tuple.proto == IPPROTO_TCP) return over && (packet.tcpFlags & (TCP_SYN | TCP_ACK)) == TCP_SYN;
+    return over && now > flow.lastSeen && now - flow.lastSeen >= kQuietTime;
+}
+
 void follow(const Packet &packet, uint64_t now) {
     bool swapped = false;
     const Tuple key = canonical(packet.tuple, swapped);
     Flow *flow = flowFind(table, key);
-    // The ports of a finished connection are used again.
-    if (flow && flow->finsSeen == 3 && (packet.tcpFlags & (TCP_SYN | TCP_ACK)) == TCP_SYN) {
+    if (flow && beginsAnother(*flow, packet, now)) {
         drop(*flow);
         flow = nullptr;
     }

@@ -2,6 +2,7 @@
 import os
 import pathlib
 import signal
+import subprocess
 import unittest
 
 import lab
@@ -76,6 +77,24 @@ class Daemon(unittest.TestCase):
             self.assertEqual(router.marks(), [OTHERS, OTHERS | 0x30000 | (http + 1000)])
             blocked = router.lab.counted("blocked")
             wait_until(lambda: router.lab.counted("blocked") > blocked, "the transfer is still blocked")
+
+    def test_a_connection_from_the_ports_of_an_earlier_one_is_marked(self):
+        with Router("http") as router:
+            router.enforce(web=["HTTP"])
+            for turn in range(2):
+                client = router.lab.client.start("python3", "-c", f"""import socket, struct, sys
+client = socket.socket()
+client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+client.bind(("", 40000))
+client.connect(("{router.lab.target(4)}", 80))
+client.sendall(b"GET / HTTP/1.1\\r\\nHost: www.example.org\\r\\n\\r\\n")
+client.recv(1000)
+sys.stdin.read()""", stdin=subprocess.PIPE)
+                wait_until(lambda: router.lab.connections("--mark", "0x30000/0x30000"), f"a mark at turn {turn}", 3)
+                client.stdin.close()
+                client.wait()
+                router.lab.end_connections()
 
     def test_five_thousand_flows_a_second_are_all_marked(self):
         with Router("dns") as router:
