@@ -16,7 +16,7 @@ from process import row
 from router import lab
 from world import BUILD, World
 
-ROUNDS, REQUESTS, SECONDS, LONELY = 5, 10_000, 2, 50
+ROUNDS, REQUESTS, SECONDS, LONELY = 3, 10_000, 2, 50
 LOOP = BUILD / "bench/bare-loop"
 RULES = """table inet korvid {
     counter mirrored { }
