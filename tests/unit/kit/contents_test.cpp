@@ -85,6 +85,14 @@ TEST_F(KitContents, HeaderOfTheIndexIsSkippedWhateverItHolds) {
     EXPECT_EQ(300, amAppPoolShmSigCnt);
 }
 
+TEST_F(KitContents, ANumberIsKeptWhileItsApplicationStays) {
+    EXPECT_EQ(1, readIndex("header\n9,Moved,x\n"));
+    amAppPoolMarkObsolete();
+    EXPECT_EQ(1, readIndex("header\n4,Moved,x\n"));
+    ASSERT_NE(nullptr, getAppNode("Moved"));
+    EXPECT_EQ(9, getAppNode("Moved")->appId);
+}
+
 TEST_F(KitContents, LongLineIsReadInPiecesOf511Characters) {
     const std::string longLine = "5,Foo," + std::string(505, 'x') + "6,Bar,x\n";  // second piece: 6,Bar,x
     EXPECT_EQ(1, readIndex("header\n" + longLine + "7,Baz,x\n"));
