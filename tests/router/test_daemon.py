@@ -35,8 +35,10 @@ class Daemon(unittest.TestCase):
                     router.lab.client.run("ping", "-c", "3", "-i", "0.1", router.lab.target(version))
                 wait_until(lambda: len(router.lab.connections("--mark", "0x20000/0x20000")) == 6, "six marks")
                 self.assertEqual([mark & 0xffff0000 for mark in router.marks()], 4 * [OTHERS | 0x20000] + 2 * [OTHERS | 0x30000])
-                if router.log(r"packets come (with|without) their connections")[1] == "with":
-                    self.assertEqual(router.counters()["kernel.verdicts_marked_by_search"], 0)
+                # Searched for is what has neither of its tuples; and perhaps one that the kernel enters late.
+                told = router.log(r"packets come (with|without) their connections")[1] == "with"
+                if told or nat != "both":
+                    self.assertLess(router.counters()["kernel.verdicts_marked_by_search"], 2)
 
     def test_sets_follow_kit_lists_and_firewall(self):
         with Router("http", "dns") as router:
@@ -65,12 +67,13 @@ class Daemon(unittest.TestCase):
             marks_are(app_SSH=[ssh])
             router.lab.rules("table bridge korvid { set app_SSH { type mark; }\n}")
             wait_until(lambda: "elements" in router.lab.router.run("nft", "list", "table", "bridge", "korvid"), "a bridge's set")
-            # A kit that numbers differently, and does not know one application at all.
-            router.world.call("SETavDpiAppList", {"appGroup": ["web"]})
             router.large_transfer()
+            wait_until(lambda: router.lab.connections("--mark", "0x20000/0x30000"), "a verdict")
+            router.world.call("SETavDpiAppList", {"appGroup": ["web"]})
             wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
             router.lab.client.run("dig", f"@{router.lab.target(4)}", "www.example.com", check=False)
             wait_until(lambda: router.marks() == [OTHERS | 0x30000 | dns, OTHERS | 0x30000 | http], "two marks")
+            # A kit that numbers differently, and does not know one application at all.
             pathlib.Path("/flash/engine.rules").write_text("default none\n")
             router.world.install_kit(apps={number + 1000: name for name, number in numbers.items() if name != "DNS"})
             marks_are(app_HTTP=[http + 1000], group_web=[http + 1000])
@@ -122,10 +125,10 @@ sys.stdin.read()""", stdin=subprocess.PIPE)
             router.lab.rules("flush chain inet korvid mirror")
             mirrored = router.lab.counted("mirrored")
 
-            def accounted():  # what is on its way comes soon
+            def accounted():
                 counters = router.counters()
                 return counters["packets.received"] + counters["kernel.packets_lost"]
-            wait_until(lambda: accounted() == mirrored, f"{mirrored} packets to be read or lost, {accounted()} are")
+            wait_until(lambda: accounted() == mirrored, "every mirrored packet to be read or counted as lost")
             router.log("mirrored packets lost")
 
     def test_a_group_that_is_taken_is_waited_for(self):

@@ -12,8 +12,12 @@ class Records(unittest.TestCase):
     def test_records_hold_what_the_kernel_counted(self):
         with Router("http", "dns", block="", daemon={"clock": True}) as router:
             router.enforce(web=["HTTP", "DNS"])
+            # The end of this connection will be told by nobody.
+            events = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_events")
+            events.write_text("0")
             ask = router.conversation()
             ask()
+            events.write_text("1")
             for version in (4, 6):
                 router.lab.client.run("dig", f"@{router.lab.target(version)}", "www.example.com")
             wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == 3, "marks")
@@ -39,12 +43,11 @@ class Records(unittest.TestCase):
             lines = running()
             self.assertEqual(len({record["byteCount"] for record in lines}), 3)
             self.assertEqual({record["End"] for record in lines}, {"-"})
-            # An end that nobody tells: the next dump finds out.
-            pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_events").write_text("0")
             last = totals(router.lab.connections("-p", "tcp")[0])
             router.lab.end_connections()
             ends = [record for record in router.records() if record["Application"] == "HTTP" and record["End"] != "-"]
             self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in ends], [last])
+            self.assertEqual(router.counters()["kernel.ends"], 2)
 
     def test_a_daemon_that_is_killed_goes_on_where_it_stopped(self):
         with Router("http", daemon={"clock": True}) as router:
@@ -54,14 +57,18 @@ class Records(unittest.TestCase):
             wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
             before, mirrored = router.marks(), router.lab.counted("mirrored")
             start = router.records()
+            numbering = pathlib.Path("/var/run/korvid/numbering")
+            written = numbering.stat().st_mtime_ns
             for number in (signal.SIGKILL, signal.SIGTERM, signal.SIGINT):
                 router.world.daemon.stop(number)
                 router.world.start_daemon(clock=True)
                 self.assertEqual(router.marks(), before)
                 self.assertEqual(len(router.elements("group_web")), 1)
+                wait_until(lambda: router.counters()["flows.held_ipv4"], "the connection's flow")
                 blocked = router.lab.counted("blocked")
                 wait_until(lambda: router.lab.counted("blocked") > blocked, "a packet of the connection")
             self.assertEqual(router.lab.counted("mirrored"), mirrored)  # nothing classified anew
+            self.assertEqual(numbering.stat().st_mtime_ns, written)  # nor numbered
             last = totals(router.lab.connections("-p", "tcp")[0])
             router.lab.end_connections()
             records = router.records()
