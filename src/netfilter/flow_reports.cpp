@@ -135,17 +135,24 @@ typename Ip::Key keyOf(const ConnTuple &tuple) {
     return key;
 }
 
+// Zero unless the kernel keeps times.
+time_t startOf(const Connection &connection) {
+    return static_cast<time_t>(connection.start / 1'000'000'000);
+}
+
 // Engines tell a flow as its first packet looked to them, which may have been either direction's.  False when
-// the database has neither.
+// the database has neither.  The flow begins with its connection, not with its verdict, which may have come
+// late: its lines before and after a restart of the daemon, which only finds the connection, are of one flow.
 template <class Ip>
 bool findFlow(const Connection &connection, typename Ip::Key &key, bool &aged) EXCLUDES(amEnfFlowLock) {
     const ConnTuple seen = forwardTuple(connection);
     const AmGuard guard(amEnfFlowLock);
     for (const ConnTuple &tuple : {seen, inverse(seen)}) {
         key = keyOf<Ip>(tuple);
-        const typename Ip::Flow *const flow = Ip::search(&key);
+        typename Ip::Flow *const flow = Ip::search(&key);
         if (!flow) continue;
         aged = flow->aged != 0;
+        if (const time_t started = startOf(connection); started != 0 && !aged) flow->startTime = started;
         return true;
     }
     return false;
@@ -168,7 +175,7 @@ bool adopt(const Connection &connection, typename Ip::Key &key) {
     const AmActiveApp *const app = amActiveApp(appId);
     if (!app || !app->isEnforcement) return false;
     (void)Ip::update(&info);
-    const auto started = static_cast<time_t>(connection.start / 1'000'000'000);
+    const time_t started = startOf(connection);
     const AmGuard guard(amEnfFlowLock);
     typename Ip::Flow *const flow = Ip::search(&key);
     if (flow && started != 0) flow->startTime = started;

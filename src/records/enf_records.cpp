@@ -119,7 +119,8 @@ int amWriteEnfFlowRecordToFile() {
     if (!addRecords(file, writer, amnFt6Queue, ft6CommonIndex)) return -1;
     if (!file.write() || !file.close()) return -1;
     if (!am::rotateRecordFile(kFile, linesInEnfRecordFile, amEnfLoggingThreshold)) return -1;
-    am::countUp(am::counts.reportsFlushed, static_cast<uint64_t>(ft4CommonIndex + ft6CommonIndex));
+    am::countUp(am::counts.reportsFlushed,
+                static_cast<uint64_t>(ft4CommonIndex) + static_cast<uint64_t>(ft6CommonIndex));
     clear(amnFt4Queue, ft4CommonIndex);
     clear(amnFt6Queue, ft6CommonIndex);
     return 0;

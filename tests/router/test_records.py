@@ -2,6 +2,7 @@
 import os
 import pathlib
 import signal
+import time
 import unittest
 
 from router_daemon import FLOOD, Router, totals
@@ -53,7 +54,11 @@ class Records(unittest.TestCase):
         with Router("http", daemon={"clock": True}) as router:
             router.enforce(web=["HTTP"])
             router.world.call("SETappMonActivateAppList")
+            # The verdict comes seconds after the connection has begun.
+            router.world.daemon.send(signal.SIGSTOP)
             router.large_transfer()
+            time.sleep(2.5)
+            router.world.daemon.send(signal.SIGCONT)
             wait_until(lambda: router.lab.counted("blocked"), "a blocked packet")
             before, mirrored = router.marks(), router.lab.counted("mirrored")
             start = router.records()
