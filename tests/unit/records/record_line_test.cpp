@@ -18,14 +18,13 @@ const char *problemOf(RecordKind kind, const std::string &line) {
 }
 
 TEST(RecordLine, CommasInNamesAreNamesWhereThatIsClear) {
-    am::RecordLine out;
-    ASSERT_EQ(am::readRecordLine(RecordKind::Enforcement,
-                                 kFlow + "DNS,Video, Music,-,staff, all,-,-,1,2," + kTimes, out),
-              nullptr);
+    am::RecordLine out;  // of views into the line
+    const std::string enforcement = kFlow + "DNS,Video, Music,-,staff, all,-,-,1,2," + kTimes;
+    const std::string monitoring = kFlow + "DNS,a,b,c,2026-11-23 00:06:53";
+    ASSERT_EQ(am::readRecordLine(RecordKind::Enforcement, enforcement, out), nullptr);
     EXPECT_EQ(out.group, "Video, Music");
     EXPECT_EQ(out.profile, "staff, all");
-    ASSERT_EQ(am::readRecordLine(RecordKind::Monitoring, kFlow + "DNS,a,b,c,2026-11-23 00:06:53", out),
-              nullptr);
+    ASSERT_EQ(am::readRecordLine(RecordKind::Monitoring, monitoring, out), nullptr);
     EXPECT_EQ(out.group, "a,b,c");
     ASSERT_EQ(
         am::readRecordLine(RecordKind::Application, "DNS,a,-,b,2026-11-23 00:00:00,0,0,0,4000000000", out),
