@@ -3,6 +3,7 @@
 #include <cjson/cJSON.h>
 #include <curl/curl.h>
 #include <libmnl/libmnl.h>
+#include <nettle/eddsa.h>
 #include <nettle/md5.h>
 
 extern "C" {
@@ -40,6 +41,9 @@ int main(int argc, char **argv) {
     if (!cJSON_Version() || mnl_nlmsg_size(0) == 0) return 2;
     md5_ctx digest;
     nettle_md5_init(&digest);
+    auto *const volatile verify =
+        ed25519_sha512_verify;  // not called: the daemon does not without a key either
+    if (!verify) return 2;
 
     ubus_context *ctx = ubus_connect(argv[2]);
     if (!ctx) return 1;

@@ -49,6 +49,8 @@ const ubus_method methods[] = {
     UBUS_METHOD("explain", serve<am::answerExplain>, kExplainPolicy),
 };
 
+constexpr int kPublishAfter = 50;  // milliseconds
+
 ubus_object_type objectType = UBUS_OBJECT_TYPE("korvid", methods);
 ubus_object object;
 
@@ -70,6 +72,7 @@ uloop_timeout timer{.list = {}, .pending = false, .cb = publish, .time = {}};
 
 void amPublishKorvidObject() {
     am::startUptime();
-    (void)uloop_timeout_set(&timer, 0);
+    // Not while the first requests to dpi come in: the broker answers one thing after the other.
+    (void)uloop_timeout_set(&timer, kPublishAfter);
     am::watchLosses();
 }
