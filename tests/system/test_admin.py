@@ -171,7 +171,7 @@ class Admin(case.SystemTest):
         self.world.enable()
         self.world.call("SETappMonUpdateSignatureFile", {"reloadSignFile": "force"})
         self.world.settle()
-        self.assertEqual(self.mirror(), [1, 0, 1])
+        world.wait_until(lambda: self.mirror() == [1, 0, 1], "the module to have heard of all three states")
         self.assertIn("md5sum same\n", self.log())
         self.assertFalse(os.path.exists("/var/flash"))
         self.world.log_level("INFO")
