@@ -151,7 +151,13 @@ void takeOption(int option, const char *value) {
     }
 }
 
+// An interrupt has let go of the group: whoever enables afterwards, while an engine holds the end up, must
+// not take it again.
 void setMirroring(bool on) {
+    {
+        const AmGuard guard(closeLock);
+        if (withdrawn) return;
+    }
     if (on) {
         startMirror();
         return;
