@@ -16,6 +16,7 @@ extern "C" {
 #include "kit/engine.h"
 #include "netfilter/attributes.h"
 #include "netfilter/nflog.h"
+#include "netfilter/pace.h"
 #include "netfilter/requests.h"
 #include "netfilter/side.h"
 #include "netfilter/verdicts.h"
@@ -31,6 +32,7 @@ constexpr int64_t kTellPeriod = 10'000;
 mnl_socket *packets = nullptr;
 alignas(nlmsghdr) char received[kNflogReceive] GUARDED_BY(amEngineGate);
 NflogLosses losses GUARDED_BY(amEngineGate);
+NflogPace pace GUARDED_BY(amEngineGate);
 
 void onBindAgain(uloop_timeout *);
 uloop_timeout bindTimer{.list = {}, .pending = false, .cb = onBindAgain, .time = {}};
@@ -68,16 +70,24 @@ void takePacket(const nlmsghdr *message) REQUIRES(amEngineGate) {
 bool takeBatch(size_t length) REQUIRES(amEngineGate) {
     std::span<const char> rest{received, length};
     bool goOn = true;
+    uint32_t count = 0;
     eachMessage(rest, [&](const nlmsghdr *message) NO_THREAD_SAFETY_ANALYSIS {
         goOn = goOn && !captureHalted.load(std::memory_order_relaxed);
         if (goOn) takePacket(message);
+        count++;
     });
+    if (pace.see(count, steadyMs())) {
+        alignas(nlmsghdr) char buffer[kNflogRequestSize] = {};
+        const nlmsghdr *request = buildNflogBatch(buffer, sideSettings.group, pace.batch());
+        (void)mnl_socket_sendto(packets, request, request->nlmsg_len);
+    }
     return goOn;
 }
 
 int bindGroup() REQUIRES(amEngineGate) {
-    const NflogSettings settings{.group = sideSettings.group};
     losses = {};
+    pace = {};
+    const NflogSettings settings{.group = sideSettings.group, .batch = pace.batch()};
     int error = 0;
     const NflogBound bound = bindNflog(packets, settings, error);
     if (bound == NflogBound::no) return error;

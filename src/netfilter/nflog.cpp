@@ -13,6 +13,13 @@ namespace am {
 
 namespace {
 
+constexpr uint32_t kBatchHundredths = 1;
+
+void putBatch(nlmsghdr *request, NflogBatch batch) {
+    mnl_attr_put_u32(request, NFULA_CFG_NLBUFSIZ, htonl(batch.bytes));
+    mnl_attr_put_u32(request, NFULA_CFG_QTHRESH, htonl(batch.packets));
+}
+
 nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t flags) {
     nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, settings.group);
     request->nlmsg_flags |= NLM_F_ACK;  // what comes behind the answer is packets
@@ -21,9 +28,8 @@ nlmsghdr *buildNflogBind(void *buffer, const NflogSettings &settings, uint16_t f
     const nfulnl_msg_config_mode mode{htonl(settings.snapLength), NFULNL_COPY_PACKET, 0};
     mnl_attr_put(request, NFULA_CFG_CMD, sizeof command, &command);
     mnl_attr_put(request, NFULA_CFG_MODE, sizeof mode, &mode);
-    mnl_attr_put_u32(request, NFULA_CFG_NLBUFSIZ, htonl(settings.batchBytes));
-    mnl_attr_put_u32(request, NFULA_CFG_TIMEOUT, htonl(settings.batchHundredths));
-    mnl_attr_put_u32(request, NFULA_CFG_QTHRESH, htonl(settings.batchPackets));
+    putBatch(request, settings.batch);
+    mnl_attr_put_u32(request, NFULA_CFG_TIMEOUT, htonl(kBatchHundredths));
     mnl_attr_put_u16(request, NFULA_CFG_FLAGS, htons(flags));
     return request;
 }
@@ -42,6 +48,12 @@ nlmsghdr *buildNflogUnbind(void *buffer, uint16_t group) {
     nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, group);
     const nfulnl_msg_config_cmd command{NFULNL_CFG_CMD_UNBIND};
     mnl_attr_put(request, NFULA_CFG_CMD, sizeof command, &command);
+    return request;
+}
+
+nlmsghdr *buildNflogBatch(void *buffer, uint16_t group, NflogBatch batch) {
+    nlmsghdr *request = putRequest(buffer, NFNL_SUBSYS_ULOG, NFULNL_MSG_CONFIG, AF_UNSPEC, group);
+    putBatch(request, batch);
     return request;
 }
 

@@ -11,17 +11,20 @@
 
 namespace am {
 
-// The daemon's settings by default.  Engines look at the beginning of a packet.  Batches: eight packets cost
-// one wake-up, and the first of them waits for the others a hundredth of a second at most, which is the
-// kernel's smallest step.
+// What the kernel gathers before it hands over: so many packets or bytes, or whatever there is a hundredth of
+// a second after the first, which is the kernel's smallest step.
+struct NflogBatch {
+    uint32_t packets = 1;
+    uint32_t bytes = 7680;  // a buffer of this size is made for each batch
+};
+
+// The daemon's settings by default.  Engines look at the beginning of a packet.
 struct NflogSettings {
     uint16_t group = 26;
-    uint32_t snapLength = 4072;    // bytes kept of a packet, from its IP header on
-    uint32_t batchPackets = 8;     // what the kernel gathers before it hands over
-    uint32_t batchBytes = 65536;   // the same; at most 131072
-    uint32_t batchHundredths = 1;  // of a second: how long the first packet of a batch waits for others
+    uint32_t snapLength = 4072;  // bytes kept of a packet, from its IP header on
+    NflogBatch batch;
 };
-inline constexpr size_t kNflogReceive = 2 * size_t{NflogSettings{}.batchBytes};  // room for any batch
+inline constexpr size_t kNflogReceive = 131072;  // room for the largest batch that the kernel makes
 
 enum class NflogBound : uint8_t { no, plain, withConnections };
 
@@ -33,6 +36,9 @@ NflogBound bindNflog(const mnl_socket *socket, const NflogSettings &settings, in
 // The request that lets go of the group, in a zero-filled buffer of kNflogRequestSize bytes.
 inline constexpr size_t kNflogRequestSize = 128;
 nlmsghdr *buildNflogUnbind(void *buffer, uint16_t group);
+
+// The request that changes the batches of a group that is bound; the same buffer.
+nlmsghdr *buildNflogBatch(void *buffer, uint16_t group, NflogBatch batch);
 
 struct NflogPacket {
     std::span<const uint8_t> packet;  // from its IP header on, cut to the snap length; within the message
