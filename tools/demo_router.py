@@ -10,15 +10,15 @@ import world
 from demo_steps import call, enable, install_kit, say, show
 from router import lab
 
-RULES = """table inet korvid {
-    set group_web { type mark; }
-    chain mirror { type filter hook forward priority -10
-        ct mark & 0x20000 == 0 ct packets < 33 log group 26 snaplen 4072
-    }
-    chain verdicts { type filter hook forward priority 10
+RULES = f"""table inet korvid {{
+    set group_web {{ type mark; }}
+    chain mirror {{ type filter hook forward priority -10
+        {lab.MIRROR}
+    }}
+    chain verdicts {{ type filter hook forward priority 10
         ct mark & 0x3ffff @group_web counter drop
-    }
-}
+    }}
+}}
 """
 ENFORCED, CLASSIFIED = 0x10000, 0x20000
 

@@ -39,7 +39,8 @@ class Rules(unittest.TestCase):
         settings = self.file("settings", "# comment\ngroup=7\nmask=0xff00\npackets=\"9\"\nhooks='forward input output'\n")
         rules("-f", settings, "--load", "interfaces=eth0 wg*")
         table = nft("list", "table", "inet", "korvid")
-        self.assertIn("ct mark & 0x00008000 == 0x00000000 ct packets < 10 log group 7 snaplen 4072", table)
+        self.assertIn("ct mark & 0x00008000 == 0x00000000 ct packets < 10 goto copy", table)
+        self.assertIn("meta length < 73 return\n\t\tlog group 7 snaplen 4072\n", table)
         # In at one of the interfaces or out at one of them; the traffic of the machine itself has one of the two only.
         self.assertEqual([table.count(f'{way} "{name}" goto mirror')
                           for way in ("iifname", "oifname") for name in ("eth0", "wg*")], [2, 2, 2, 2])

@@ -32,7 +32,8 @@ SETTINGS = {"net/ipv4/ip_forward": 1, "net/ipv6/conf/all/forwarding": 1, "net/ne
             "net/netfilter/nf_conntrack_timestamp": 1, "net/netfilter/nf_conntrack_events": 1}
 
 # Packets of connections that have no verdict yet, their first ones only, at the hook of the chain it stands in.
-MIRROR = "ct mark & 0x20000 == 0 ct packets < 33 log group 26"
+MIRROR = """tcp flags & (fin | syn | rst | psh) == 0x0 meta length < 73 return
+ct mark & 0x20000 == 0 ct packets < 33 log group 26 snaplen 4072"""
 
 SOURCE_NAT = """chain postrouting { type nat hook postrouting priority srcnat;
 oifname "outside" masquerade

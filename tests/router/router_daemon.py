@@ -10,22 +10,22 @@ from world import World, text_of, wait_until
 
 RECORDS = "/flash/appmon_enforcement_flow_records.csv"
 OTHERS = 0x5a000000  # bits of the mark that somebody else uses
-RULES = """table inet korvid {
-    set app_HTTP { type mark; }
-    set app_SSH { type mark; }
-    set group_web { type mark; }
-    set app_No/20such { type mark; }
-    counter mirrored { }
-    counter blocked { }
-    chain others { type filter hook prerouting priority -100; ct state new ct mark set ct mark | 0x5a000000
-    }
-    chain mirror { type filter hook forward priority -10
-        ct mark & 0x20000 == 0 ct packets < 33 counter name mirrored log group 26 snaplen 4072
-    }
-    chain verdicts { type filter hook forward priority 10
+RULES = f"""table inet korvid {{
+    set app_HTTP {{ type mark; }}
+    set app_SSH {{ type mark; }}
+    set group_web {{ type mark; }}
+    set app_No/20such {{ type mark; }}
+    counter mirrored {{ }}
+    counter blocked {{ }}
+    chain others {{ type filter hook prerouting priority -100; ct state new ct mark set ct mark | 0x5a000000
+    }}
+    chain mirror {{ type filter hook forward priority -10
+        {lab.MIRROR} counter name mirrored
+    }}
+    chain verdicts {{ type filter hook forward priority 10
         ct mark & 0x3ffff @group_web counter name blocked BLOCK
-    }
-}
+    }}
+}}
 """
 
 # target, first source port, flows, flows a second, bytes of payload (a question for a name without), packets of each flow

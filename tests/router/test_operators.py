@@ -30,7 +30,7 @@ class Operators(unittest.TestCase):
     def test_a_verdict_that_no_connection_takes_is_told(self):
         """A host whose packets are not tracked: there is no connection to be marked."""
         rules = RULES.replace("chain others {", "chain untracked { type filter hook prerouting priority raw; notrack\n }\n"
-                              "    chain others {").replace("ct mark & 0x20000 == 0 ct packets < 33 counter", "counter")
+                              "    chain others {").replace("ct mark & 0x20000 == 0 ct packets < 33 log", "log")
         with Router("http", rules=rules) as router:
             router.enforce(web=["HTTP"])
             router.lab.client.run("curl", "-s", "-o", "/dev/null", "--max-time", 2, router.lab.url("http", 4), check=False)
