@@ -85,6 +85,9 @@ bool takeBatch(size_t length) REQUIRES(amEngineGate) {
 }
 
 int bindGroup() REQUIRES(amEngineGate) {
+    // What is left of the time before may fill the socket, and the answer would have no room.
+    while (recv(mnl_socket_get_fd(packets), received, sizeof received, MSG_DONTWAIT) > 0) {
+    }
     losses = {};
     pace = {};
     const NflogSettings settings{.group = sideSettings.group, .batch = pace.batch()};

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 
 #include "netfilter/attributes.h"
 
@@ -40,10 +41,9 @@ void readDump(std::span<const char> received, uint32_t sequence, void (*visit)(c
         if (message->nlmsg_flags & NLM_F_DUMP_INTR) answer.error = -EINTR;
         switch (message->nlmsg_type) {
             case NLMSG_ERROR:
-                answer = {true, errorOf(message)};
-                break;
             case NLMSG_DONE:
                 answer.ended = true;
+                if (const int error = errorOf(message); error != 0) answer.error = error;
                 break;
             default:
                 visit(message, context);
@@ -119,8 +119,9 @@ int runDump(const mnl_socket *socket, nlmsghdr *request, std::span<char> buffer,
 }
 
 int errorOf(const nlmsghdr *message) {
-    if (message->nlmsg_len < MNL_NLMSG_HDRLEN + sizeof(nlmsgerr)) return -EBADMSG;
-    const int error = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(message))->error;
+    int error;
+    if (message->nlmsg_len < MNL_NLMSG_HDRLEN + sizeof error) return -EBADMSG;
+    memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
     return error > 0 ? -error : error;
 }
 

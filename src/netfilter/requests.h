@@ -31,7 +31,8 @@ int sendRequest(const mnl_socket *socket, nlmsghdr *request);
 int runDump(const mnl_socket *socket, nlmsghdr *request, std::span<char> buffer,
             void (*visit)(const nlmsghdr *message, void *context), void *context);
 
-// The error number, zero or negative, that a message of type NLMSG_ERROR carries.
+// The error number, zero or negative, that a message of type NLMSG_ERROR begins with, or NLMSG_DONE, where it
+// tells why a dump was cut short.
 int errorOf(const nlmsghdr *message);
 
 }  // namespace am

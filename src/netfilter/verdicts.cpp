@@ -25,13 +25,16 @@ namespace am {
 
 namespace {
 
-constexpr size_t kWaitingRoom = 4096;   // verdicts
-constexpr int64_t kPatience = 1000;     // milliseconds that a verdict waits for its connection
-constexpr int kLongestPause = 128;      // between two tries, milliseconds
-constexpr size_t kTriesAtOnce = 64;     // the capture thread has packets to read
-constexpr int kTimerPeriod = 5;         // milliseconds
-constexpr int64_t kSearchFrom = 20;     // a connection that is only late has come by then
-constexpr int64_t kSearchPeriod = 100;  // a search walks over all connections
+constexpr size_t kWaitingRoom = 4096;  // verdicts
+constexpr int64_t kPatience = 1000;    // milliseconds that a verdict waits for its connection
+constexpr int kLongestPause = 128;     // between two tries, milliseconds
+constexpr size_t kTriesAtOnce = 64;    // the capture thread has packets to read
+constexpr int kTimerPeriod = 5;        // milliseconds
+// When a verdict is searched for, by its age: a connection that is only late has come by the first.  A search
+// walks over all connections without a verdict, so there are few for what has no connection any more.
+constexpr int64_t kSearchAges[] = {20, 500};
+constexpr int64_t kSearchPeriod = 100;
+constexpr int64_t kSearchShare = 10;  // of the event loop's time, at most one part in so many
 constexpr int64_t kTellPeriod = 10'000;
 constexpr size_t kSearchBuffer = 32768;
 
@@ -39,7 +42,8 @@ struct Waiting {
     ConnTuple tuple;  // as the packet looked
     uint32_t value;
     uint16_t zone;
-    uint16_t pause;
+    uint8_t pause;
+    uint8_t searches;
     int64_t since, due;
 };
 
@@ -56,7 +60,7 @@ void onTimer(uloop_timeout *timer);
 uloop_fd wake{.cb = onWaiting, .fd = -1, .eof = false, .error = false, .registered = false, .flags = 0};
 uloop_timeout timer{.list = {}, .pending = false, .cb = onTimer, .time = {}};
 mnl_socket *searches = nullptr;
-int64_t lastSearch = 0;
+int64_t nextSearch = 0;
 
 MarkBits bitsOf(uint32_t value) {
     return {value, sideSettings.marks.mask};
@@ -73,9 +77,9 @@ void forgetWaiting(size_t index) REQUIRES(verdictLock) {
 }
 
 // A newer verdict for the same flow takes the place of one that waits.
-void forgetTuple(const ConnTuple &tuple) REQUIRES(verdictLock) {
+void forgetTuple(const ConnTuple &tuple, uint16_t zone) REQUIRES(verdictLock) {
     for (size_t i = waitingCount; i-- > 0;)
-        if (waiting[i].tuple == tuple) forgetWaiting(i);
+        if (waiting[i].zone == zone && waiting[i].tuple == tuple) forgetWaiting(i);
 }
 
 void wakeEventLoop() {
@@ -90,7 +94,7 @@ bool wait(const ConnTuple &tuple, uint16_t zone, uint32_t value) REQUIRES(verdic
         return false;
     }
     const int64_t now = steadyMs();
-    waiting[waitingCount++] = {tuple, value, zone, 1, now, now + 1};
+    waiting[waitingCount++] = {tuple, value, zone, 1, 0, now, now + 1};
     if (waitingCount == 1) wakeEventLoop();
     return true;
 }
@@ -146,7 +150,7 @@ bool settle(Waiting &verdict, int64_t now) REQUIRES(verdictLock) {
         return true;
     }
     verdict.due = now + verdict.pause;
-    verdict.pause = static_cast<uint16_t>(std::min(verdict.pause * 2, kLongestPause));
+    verdict.pause = static_cast<uint8_t>(std::min(verdict.pause * 2, kLongestPause));
     return false;
 }
 
@@ -178,7 +182,7 @@ bool deliver(const ConnTuple &flow, uint32_t value) EXCLUDES(verdictLock) {
     }
     const AmGuard guard(verdictLock);
     if (!requests) return false;
-    if (waitingCount != 0) forgetTuple(tuple);
+    if (waitingCount != 0) forgetTuple(tuple, zone);
     const int error = tryBoth(tuple, zone, value);
     if (error == -ENOENT) return wait(tuple, zone, value);
     if (error == 0)
@@ -223,11 +227,9 @@ int sendResult(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(am
     }
     const MarkLayout &marks = sideSettings.marks;
     if (info->app_id > marks.maxApplication()) countUp(sideCounts.tooLarge);
-    const bool delivered = deliver(flow, marks.verdict(info->app_id, match == 1));
-    if (match == 1) {
-        (void)Ip::record(info);
-        if (!delivered) noteLost(flow);
-    }
+    // The record first: the end of a connection that has its mark may be reported at once.
+    if (match == 1) (void)Ip::record(info);
+    if (!deliver(flow, marks.verdict(info->app_id, match == 1)) && match == 1) noteLost(flow);
     return 1;
 }
 
@@ -267,12 +269,16 @@ void visitUnmarked(const nlmsghdr *message, void *) {
 
 void searchConnections() EXCLUDES(verdictLock) {
     const int64_t now = steadyMs();
-    if (now - lastSearch < kSearchPeriod) return;
+    if (now < nextSearch) return;
     search.count = 0;
     {
         const AmGuard guard(verdictLock);
-        for (const Waiting &verdict : std::span(waiting, waitingCount))
-            if (now - verdict.since >= kSearchFrom) search.tuples[search.count++] = verdict.tuple;
+        for (Waiting &verdict : std::span(waiting, waitingCount)) {
+            if (verdict.searches == std::size(kSearchAges)) continue;
+            if (now - verdict.since < kSearchAges[verdict.searches]) continue;
+            verdict.searches++;
+            search.tuples[search.count++] = verdict.tuple;
+        }
     }
     if (search.count == 0) return;
     std::sort(search.tuples, search.tuples + search.count, before);
@@ -280,7 +286,8 @@ void searchConnections() EXCLUDES(verdictLock) {
     static char buffer[kSearchBuffer];
     (void)runDump(searches, buildMarkDump(request, {0, sideSettings.marks.classified()}), buffer,
                   visitUnmarked, nullptr);
-    lastSearch = steadyMs();  // its end: a walk over a large table leaves time between two
+    const int64_t end = steadyMs();
+    nextSearch = end + std::max(kSearchPeriod, (kSearchShare - 1) * (end - now));
 }
 
 void onTimer(uloop_timeout *) {
