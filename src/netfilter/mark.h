@@ -6,6 +6,7 @@
 //
 // Pure functions, any thread.
 #pragma once
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 
@@ -15,6 +16,7 @@ struct MarkLayout {
     uint32_t mask;  // the run
 
     static constexpr int kFlagBits = 2;
+    static constexpr uint32_t kMaxNumber = 0xffff;  // of an application
 
     // A run without gaps that has room for the flags and at least one application.
     constexpr bool valid() const {
@@ -24,7 +26,8 @@ struct MarkLayout {
     constexpr int shift() const { return mask == 0 ? 0 : std::countr_zero(mask); }
     constexpr uint32_t classified() const { return std::bit_floor(mask); }
     constexpr uint32_t enforced() const { return classified() >> 1; }
-    constexpr uint32_t maxApplication() const { return (enforced() >> shift()) - 1; }
+    // Kits number with 16 bits, however many a wide run has.
+    constexpr uint32_t maxApplication() const { return std::min((enforced() >> shift()) - 1, kMaxNumber); }
 
     // The verdict's bits.  A number that the run has no room for is left out: the connection counts as
     // classified, and no policy's set holds a mark without a number.
@@ -32,8 +35,11 @@ struct MarkLayout {
         if (application > maxApplication()) return classified();
         return classified() | (enforce ? enforced() : 0) | application << shift();
     }
+    // At most maxApplication(): what others have written into the run may be anything, and counts as 0
+    // beyond.
     constexpr uint32_t application(uint32_t mark) const {
-        return (mark & mask) >> shift() & maxApplication();
+        const uint32_t number = (mark & mask & ~(classified() | enforced())) >> shift();
+        return number <= maxApplication() ? number : 0;
     }
 };
 

@@ -39,7 +39,7 @@ constexpr off_t kLargestFile = off_t{kLineRoom} << 17;
 constexpr int kWalks = 3;  // one that does it, and others for what it missed
 constexpr int64_t kRetryPeriod = 1000;
 constexpr size_t kBuffer = 32768;
-constexpr uint32_t kApplications = 0x10000;
+constexpr uint32_t kApplications = MarkLayout::kMaxNumber + 1;
 
 mnl_socket *dumps = nullptr;
 alignas(nlmsghdr) char buffer[kBuffer];

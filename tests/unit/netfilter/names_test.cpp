@@ -39,7 +39,7 @@ TEST(PolicySets, ANameHasOneSetAndASetOneName) {
 }
 
 TEST(Mark, AVerdictStaysWithinItsBits) {
-    for (const uint32_t mask : {0x3ffffU, 0x3ffff00U, 0xffffc000U, 0x0ff00000U, 0x7U}) {
+    for (const uint32_t mask : {0x3ffffU, 0x3ffff00U, 0xffffffffU, 0xffffc000U, 0x0ff00000U, 0x7U}) {
         const am::MarkLayout layout{mask};
         ASSERT_TRUE(layout.valid()) << std::hex << mask;
         for (const uint32_t application : {0U, 1U, layout.maxApplication()}) {
@@ -51,6 +51,9 @@ TEST(Mark, AVerdictStaysWithinItsBits) {
             EXPECT_EQ(layout.verdict(application, false), mark & ~layout.enforced());
         }
         EXPECT_EQ(layout.verdict(layout.maxApplication() + 1, true), layout.classified());
+        EXPECT_LE(layout.maxApplication(), 0xffffU) << "kits number with 16 bits";
+        for (const uint32_t mark : {mask, ~0U, 0xdeadbeefU})
+            EXPECT_LE(layout.application(mark), layout.maxApplication()) << "of another's making";
     }
     for (const uint32_t mask : {0U, 0x3U, 0x5ffffU, 0xf0f0U})
         EXPECT_FALSE(am::MarkLayout{mask}.valid()) << mask;
