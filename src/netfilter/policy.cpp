@@ -102,6 +102,11 @@ void fill(bool tellUnknown) {
         amLog(AM_LOG_ERROR, "%s:%d the sets of table inet %s cannot be filled: %s\n", "fillPolicy", __LINE__,
               kPolicyTable, strerror(-filled.error));
     told = filled.error;
+    if (filled.tooSmall.text[0] != 0)
+        amLog(AM_LOG_ERROR,
+              "%s:%d set %s of table inet %s was declared with a size that its marks do not fit in: some are "
+              "missing\n",
+              "fillPolicy", __LINE__, filled.tooSmall.text, kPolicyTable);
     // Tried again at the next look.
     if (filled.error != 0) seen.any = false;
     amLog(AM_LOG_DEBUG, "%s:%d %u sets filled, %u of them empty, %u of other kinds\n", "fillPolicy", __LINE__,
@@ -178,7 +183,7 @@ int openPolicy() {
     firewall = openNetfilterSocket();
     dumps = openNetfilterSocket();
     if (!sets || !firewall || !dumps) return -errno;
-    if (const int error = subscribePolicySets(firewall); error != 0) return error;
+    if (const int error = subscribePolicySets(firewall, sets); error != 0) return error;
     firewallFd.fd = mnl_socket_get_fd(firewall);
     (void)uloop_fd_add(&firewallFd, ULOOP_READ | ULOOP_ERROR_CB);
     // Not before the loop runs: until the configuration has been applied, what the run before left holds.

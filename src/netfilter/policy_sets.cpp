@@ -1,6 +1,7 @@
 #include "netfilter/policy_sets.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -149,7 +151,12 @@ void visitSet(const nlmsghdr *message, void *context) {
         return;
     }
     const std::span<uint32_t> room{filling.room.get(), kMaxPolicyMarks};
-    const size_t count = filling.marksOf(found.kind, found.name, room, filling.context);
+    size_t count = filling.marksOf(found.kind, found.name, room, filling.context);
+    // One that is refused would keep all others from being filled.
+    if (found.size != 0 && count > found.size) {
+        count = found.size;
+        filling.result.tooSmall = found.set;
+    }
     auto marks = std::span<const uint32_t>(room).first(count);
     filling.result.sets++;
     if (marks.empty()) filling.result.empty++;
@@ -232,12 +239,22 @@ PolicyFill fillPolicySets(const mnl_socket *socket, PolicyMarks marksOf, void *c
     for (int tries = 1;; tries++) {
         Filling filling{marksOf, context, {}, {}, {}};
         filling.room.reset(static_cast<uint32_t *>(std::malloc(kMaxPolicyMarks * sizeof(uint32_t))));
-        if (!filling.room) return {-ENOMEM, 0, 0, 0};
+        if (!filling.room) return {-ENOMEM, 0, 0, 0, {}};
         if (fillOnce(socket, filling) || tries == kTries) return filling.result;
     }
 }
 
-int subscribePolicySets(const mnl_socket *socket) {
+int subscribePolicySets(const mnl_socket *socket, const mnl_socket *filler) {
+    // Who asked for a change stands in its messages, and all that come in one buffer are of one change.
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(nlmsghdr, nlmsg_pid)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(mnl_socket_get_portid(filler)), 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, ~0U),
+        BPF_STMT(BPF_RET | BPF_K, 0),
+    };
+    const sock_fprog filter{sizeof program / sizeof *program, program};
+    if (setsockopt(mnl_socket_get_fd(socket), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0)
+        return -errno;
     int group = NFNLGRP_NFTABLES;
     return mnl_socket_setsockopt(socket, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0 ? -errno : 0;
 }
@@ -248,7 +265,7 @@ bool readPolicySet(const nlmsghdr *message, PolicySet &found) {
     if (!family || message->nlmsg_type != typeOf(NFT_MSG_NEWSET)) return false;
     found.family = family->nfgen_family;
     if (found.family != NFPROTO_INET && found.family != NFPROTO_BRIDGE) return false;
-    const Attributes<NFTA_SET_KEY_LEN> attributes(message);
+    const Attributes<NFTA_SET_DESC> attributes(message);
     uint32_t keyLength = 0, flags = 0;
     (void)attributes.read(NFTA_SET_KEY_LEN, keyLength);
     (void)attributes.read(NFTA_SET_FLAGS, flags);
@@ -258,6 +275,8 @@ bool readPolicySet(const nlmsghdr *message, PolicySet &found) {
     found.ours = ntohl(keyLength) == sizeof(uint32_t) && (ntohl(flags) & kOtherSetFlags) == 0 &&
                  readPolicySetName(text, found.kind, found.name);
     if (found.ours) memcpy(found.set.text, text.data(), text.size());
+    const Attributes<NFTA_SET_DESC_SIZE> description(attributes[NFTA_SET_DESC]);
+    if (uint32_t size; description.read(NFTA_SET_DESC_SIZE, size)) found.size = ntohl(size);
     return true;
 }
 

@@ -48,23 +48,27 @@ using PolicyMarks = size_t (*)(PolicyKind kind, const char *name, std::span<uint
 inline constexpr size_t kMaxPolicyMarks = 0x10000;
 
 struct PolicyFill {
-    int error;       // 0, or a negative error number: then no set has changed
-    unsigned sets;   // filled, or emptied
-    unsigned empty;  // of those, without a mark
-    unsigned other;  // in the table but not ours to fill: another name, type or kind of set
+    int error;               // 0, or a negative error number: then no set has changed
+    unsigned sets;           // filled, or emptied
+    unsigned empty;          // of those, without a mark
+    unsigned other;          // in the table but not ours to fill: another name, type or kind of set
+    PolicySetName tooSmall;  // one that was declared with a size and has more marks than that; empty if none
 };
 
 // Makes every set of the table hold its marks and no others, all of them at one moment.  No table is no
 // error.  The socket is of openNetfilterSocket.
 PolicyFill fillPolicySets(const mnl_socket *socket, PolicyMarks marksOf, void *context);
 
-// Lets the socket receive changes of the firewall.  0, or a negative error number.
-int subscribePolicySets(const mnl_socket *socket);
+// Lets the socket receive changes of the firewall, but for those that are made through `filler`: of these
+// there is a message for every element, more than the socket may have room for.  0, or a negative error
+// number.
+int subscribePolicySets(const mnl_socket *socket, const mnl_socket *filler);
 
 // A named set of the table, from the kernel's list or its report of a declaration, which wants another fill.
 struct PolicySet {
     PolicySetName set;
     uint8_t family;  // of its table, NFPROTO_INET or NFPROTO_BRIDGE
+    uint32_t size;   // elements that it may have, 0 for any number
     bool ours;       // of marks, and with a name that tells the next two
     PolicyKind kind;
     char name[kMaxPolicyName + 1];

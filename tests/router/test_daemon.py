@@ -81,6 +81,20 @@ class Daemon(unittest.TestCase):
             blocked = router.lab.counted("blocked")
             wait_until(lambda: router.lab.counted("blocked") > blocked, "the transfer is still blocked")
 
+    def test_a_set_may_be_large_and_another_too_small(self):
+        sets = "set group_all { type mark; }\nset group_some { type mark; size 3; }"
+        with Router(rules=f"table inet korvid {{ {sets}\n}}\n") as router:
+            names = [f"A{number}" for number in range(3000)]
+            router.world.install_kit(apps=dict(enumerate(names)))
+            router.enforce(all=names, some=names[:5])
+            wait_until(lambda: len(router.elements("group_all")) == len(names), "every mark")
+            self.assertEqual(len(router.elements("group_some")), 3)
+            router.log("set group_some of table inet korvid was declared with a size that")
+            router.world.log_level("DEBUG")
+            for _ in range(3):  # each takes the event loop a turn
+                router.world.settle()
+            self.assertNotIn("sets filled", text_of(world.LOG), "what the daemon has filled itself is filled again")
+
     def test_a_connection_from_the_ports_of_an_earlier_one_is_marked(self):
         with Router("http") as router:
             router.enforce(web=["HTTP"])
