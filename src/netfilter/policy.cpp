@@ -136,7 +136,8 @@ void lookForNewlyEnforced() {
     amModelLock.soleWriterReads();
     for (uint32_t appId = 0; appId < enforced.size(); appId++) {
         const bool now = appId < amMaxAppIdCount && isEnforced(appId);
-        if (now && !enforced[appId]) newlyEnforced[appId] = true;
+        // While a list is replaced by one that has the application, too, it is on none.
+        if (now && (takeUnenforced(appId) || !enforced[appId])) newlyEnforced[appId] = true;
         if (!now) newlyEnforced[appId] = false;
         enforced[appId] = now;
     }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -51,6 +52,10 @@ constinit AmMutex verdictLock ACQUIRED_AFTER(amModelLock);
 mnl_socket *requests GUARDED_BY(verdictLock) = nullptr;
 Waiting waiting[kWaitingRoom] GUARDED_BY(verdictLock);
 size_t waitingCount GUARDED_BY(verdictLock) = 0;
+
+// Applications with verdicts that lack the bit.  Ordered by amModelLock: a verdict writes with it held, and
+// the list has been changed with it held before anybody asks.
+constinit std::atomic<bool> unenforced[MarkLayout::kMaxNumber + 1];
 
 thread_local constinit const PacketInHand *packetInHand = nullptr;
 
@@ -228,7 +233,10 @@ int sendResult(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(am
     const MarkLayout &marks = sideSettings.marks;
     if (info->app_id > marks.maxApplication()) countUp(sideCounts.tooLarge);
     // The record first: the end of a connection that has its mark may be reported at once.
-    if (match == 1) (void)Ip::record(info);
+    if (match == 1)
+        (void)Ip::record(info);
+    else
+        unenforced[info->app_id].store(true, std::memory_order_relaxed);
     if (!deliver(flow, marks.verdict(info->app_id, match == 1)) && match == 1) noteLost(flow);
     return 1;
 }
@@ -359,6 +367,10 @@ void retryVerdicts() {
 void dropVerdicts() {
     const AmGuard guard(verdictLock);
     waitingCount = 0;
+}
+
+bool takeUnenforced(uint32_t application) {
+    return unenforced[application].exchange(false, std::memory_order_relaxed);
 }
 
 int markConnection(const Connection &connection, uint32_t value) {

@@ -38,6 +38,10 @@ void retryVerdicts();
 // Forgets what waits: its numbers mean nothing any more.  Any thread.
 void dropVerdicts();
 
+// Whether a verdict without the bit has gone out for the application since this was asked last.  Event-loop
+// thread.
+bool takeUnenforced(uint32_t application);
+
 // Sets the daemon's bits of that connection's mark.  0, or a negative error number.  Any thread.
 int markConnection(const Connection &connection, uint32_t value);
 

@@ -95,6 +95,21 @@ class Daemon(unittest.TestCase):
                 router.world.settle()
             self.assertNotIn("sets filled", text_of(world.LOG), "what the daemon has filled itself is filled again")
 
+    def test_a_list_that_is_replaced_by_an_equal_one_loses_no_connection(self):
+        with Router(daemon={"clock": True}) as router:
+            pathlib.Path("/flash/engine.rules").write_text("default 7\n")
+            names = {number: f"A{number}" for number in range(100, 500)}
+            router.world.install_kit(apps={7: "Seven", **names})
+            apps = {"appList": [{"appName": name} for name in [*names.values(), "Seven"]]}
+            router.world.call("SETavDpiAppList", apps)
+            for _ in range(3):  # the list is noticed, and then no longer a new one
+                router.world.advance(3)
+            flood = router.lab.client.start("python3", "-c", FLOOD, router.lab.target(4), 20000, 4000, 2000)
+            while flood.poll() is None:
+                router.world.call("SETavDpiAppList", apps)
+            wait_until(lambda: router.lab.connections("--mark", "0x20000/0x20000"), "a verdict")
+            wait_until(lambda: not router.lab.connections("--mark", "0x20000/0x30000"), "every verdict's bit")
+
     def test_a_connection_from_the_ports_of_an_earlier_one_is_marked(self):
         with Router("http") as router:
             router.enforce(web=["HTTP"])
