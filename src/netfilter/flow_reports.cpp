@@ -143,6 +143,8 @@ time_t startOf(const Connection &connection) {
 // Engines tell a flow as its first packet looked to them, which may have been either direction's.  False when
 // the database has neither.  The flow begins with its connection, not with its verdict, which may have come
 // late: its lines before and after a restart of the daemon, which only finds the connection, are of one flow.
+// A flow that has ended is an earlier connection's, between the same ports or of ICMP, unless it began with
+// this one.
 template <class Ip>
 bool findFlow(const Connection &connection, typename Ip::Key &key, bool &aged) EXCLUDES(amEnfFlowLock) {
     const ConnTuple seen = forwardTuple(connection);
@@ -151,8 +153,11 @@ bool findFlow(const Connection &connection, typename Ip::Key &key, bool &aged) E
         key = keyOf<Ip>(tuple);
         typename Ip::Flow *const flow = Ip::search(&key);
         if (!flow) continue;
-        aged = flow->aged != 0;
-        if (const time_t started = startOf(connection); started != 0 && !aged) flow->startTime = started;
+        const time_t started = startOf(connection);
+        const bool ended = flow->aged != 0;
+        if (ended && started != 0 && started != flow->startTime) continue;
+        aged = ended;
+        if (started != 0) flow->startTime = started;
         return true;
     }
     return false;

@@ -80,6 +80,21 @@ class Records(unittest.TestCase):
             self.assertEqual({record["Start"] for record in start + records}, {records[0]["Start"]})
             self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records if r["End"] != "-"], [last])
 
+    def test_connections_of_one_flow_s_key_have_a_last_line_each(self):
+        """Of pings between two hosts: what tells them apart is no part of a flow."""
+        with Router(daemon={"clock": True}) as router:
+            pathlib.Path("/flash/engine.rules").write_text("proto 1 7\nreport packet\n")
+            router.world.install_kit(apps={7: "Seven"})
+            router.enforce(web=["Seven"])
+            for count in (1, 2):
+                router.lab.client.run("ping", "-c", count, "-i", "0.1", router.lab.target(4))
+                time.sleep(1)  # the kernel's clock, by which they began
+            wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == 2, "two marks")
+            counted = [totals(line) for line in router.lab.connections()]
+            router.lab.end_connections()
+            ends = [(int(r["pktCount"]), int(r["byteCount"])) for r in router.records() if r["End"] != "-"]
+            self.assertEqual(sorted(ends), sorted(counted))
+
     def test_a_day_leaves_one_line_for_each_flow_and_nothing_behind(self):
         with Router("dns", daemon={"clock": True}) as router:
             router.enforce(web=["DNS"])
