@@ -361,4 +361,11 @@ void reportConnections() {
     dump(Dump::report);
 }
 
+void forgetEnds() {
+    while (ends) {
+        const ssize_t got = recv(mnl_socket_get_fd(ends), buffer, sizeof buffer, MSG_DONTWAIT);
+        if (got < 0 && errno != EINTR && errno != ENOBUFS) return;
+    }
+}
+
 }  // namespace am

@@ -23,4 +23,7 @@ void adoptConnections();
 // Reports what has changed, and what has ended unseen.
 void reportConnections();
 
+// Throws away the ends that have not been read: their marks mean nothing any more.
+void forgetEnds();
+
 }  // namespace am

@@ -240,6 +240,7 @@ void whileRenumbering() {
     amCleanAllEnfFlowDb();
     amCleanAllEnfFlowDb6();
     settle(translateMarks(translation) || clearMarks());
+    forgetEnds();  // they came with marks of either numbering
 }
 
 // Rules by name are to hold on, so the lists do, as far as the new kit knows their applications.

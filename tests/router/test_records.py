@@ -2,6 +2,7 @@
 import os
 import pathlib
 import signal
+import threading
 import time
 import unittest
 
@@ -94,6 +95,26 @@ class Records(unittest.TestCase):
             router.lab.end_connections()
             ends = [(int(r["pktCount"]), int(r["byteCount"])) for r in router.records() if r["End"] != "-"]
             self.assertEqual(sorted(ends), sorted(counted))
+
+    def test_an_end_amid_an_exchange_of_kits_has_no_other_application(self):
+        with Router(daemon={"clock": True}) as router:
+            pathlib.Path("/flash/engine.rules").write_text("default 5\n")
+            router.world.install_kit(apps={5: "Five", 6: "Six"})
+            router.enforce(web=["Five", "Six"])
+            flows = 2000
+            router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, flows, 2000)
+            wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) > flows * 0.9, "marks")
+            pathlib.Path("/flash/engine.rules").write_text("default none\n")
+            numbering = pathlib.Path("/var/run/korvid/numbering")
+            change = threading.Thread(target=router.world.install_kit, kwargs={"apps": {5: "Six", 6: "Five"}})
+            change.start()
+            while numbering.exists() and change.is_alive():  # from here on marks are being translated
+                pass
+            router.world.daemon.send(signal.SIGSTOP)
+            router.lab.end_connections("-p", "udp")
+            router.world.daemon.send(signal.SIGCONT)
+            change.join()
+            self.assertNotIn("Six", {record["Application"] for record in router.records()})
 
     def test_a_day_leaves_one_line_for_each_flow_and_nothing_behind(self):
         with Router("dns", daemon={"clock": True}) as router:
