@@ -110,11 +110,10 @@ bool readDirection(const nlattr *nest, uint8_t family, ConnTuple &tuple) {
     return true;
 }
 
-bool readCounters(const nlattr *nest, ConnCounters &counters) {
+void readCounters(const nlattr *nest, ConnCounters &counters) {
     const Attributes<CTA_COUNTERS_BYTES> values(nest);
     counters.packets = readDouble(values, CTA_COUNTERS_PACKETS);
     counters.bytes = readDouble(values, CTA_COUNTERS_BYTES);
-    return nest != nullptr;
 }
 
 bool readAttributes(const Attributes<CTA_TIMESTAMP> &attributes, uint8_t family, Connection &connection) {
@@ -124,8 +123,8 @@ bool readAttributes(const Attributes<CTA_TIMESTAMP> &attributes, uint8_t family,
     if (!readDirection(attributes[CTA_TUPLE_REPLY], family, connection.reply)) return false;
     connection.mark = readLong(attributes, CTA_MARK);
     connection.zone = readWord(attributes, CTA_ZONE);
-    connection.counted = readCounters(attributes[CTA_COUNTERS_ORIG], connection.sent);
-    connection.counted &= readCounters(attributes[CTA_COUNTERS_REPLY], connection.received);
+    readCounters(attributes[CTA_COUNTERS_ORIG], connection.sent);
+    readCounters(attributes[CTA_COUNTERS_REPLY], connection.received);
     const Attributes<CTA_TIMESTAMP_START> times(attributes[CTA_TIMESTAMP]);
     connection.start = readDouble(times, CTA_TIMESTAMP_START);
     return true;

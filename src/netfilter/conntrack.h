@@ -34,7 +34,6 @@ struct Connection {
     uint64_t start;               // nanoseconds since the epoch; 0 unless the kernel keeps times
     uint32_t mark;
     uint16_t zone;
-    bool counted;  // whether the kernel told counters
 };
 
 // False unless both directions are told.  The message is whole, its content untrusted.
