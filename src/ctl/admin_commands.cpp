@@ -101,7 +101,7 @@ int install(const CommandLine &line) {
         return kFailed;
     }
     printf("kit %s with %s applications is installed, its engine %s\n",
-           *kit.text("version") ? kit.text("version") : "without a version",
+           *kit.text("version") ? shown(kit.text("version")).text : "without a version",
            numberText(kit.number("applications")).text, kit.flag("engine") ? "runs" : "does not run");
     if (!line.save) puts("a restart installs it again once that is saved (korvidctl save, or --save)");
     return line.save ? saveCommand(line) : kDone;

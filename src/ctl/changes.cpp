@@ -52,7 +52,7 @@ bool complainUnknown(const char *name, const Fields &answer) {
     fprintf(stderr, "korvidctl: no application '%s'", name);
     const char *before = ": ";
     answer.each("nearest", [&](const am::Member &near) {
-        fprintf(stderr, "%s%s", before, near.text() ? near.text() : "");
+        fprintf(stderr, "%s%s", before, near.text() ? shown(near.text()).text : "");
         before = " or ";
     });
     fprintf(stderr, "%s\n", *before == ':' ? "" : "?");
@@ -197,7 +197,7 @@ bool mayBeRemoved(const ListWords &list, const Names &names, const CommandLine &
                 return;
             fprintf(stderr,
                     "korvidctl: %s is %s by the group %s: remove --group %s, or take it out of the group\n",
-                    name, list.flag, group, group);
+                    name, list.flag, shown(group).text, shown(group).text);
             allowed = false;
         });
         if (!allowed) return false;

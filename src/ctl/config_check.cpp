@@ -19,6 +19,7 @@
 #include "ctl/commands.h"
 #include "ctl/findings.h"
 #include "ctl/kit_check.h"
+#include "ctl/screen.h"
 #include "show/nearest.h"
 
 namespace ctl {
@@ -183,7 +184,7 @@ unsigned onList(uint8_t AmActiveApp::*list) {
 bool apply(const cJSON *profile, bool namesKnown, bool &mirroring) {
     unsigned step = 0;
     const char *const url = am::textMember(am::objectMember(profile, "avSignatureProfile"), "filePath");
-    if (url) printf("%u. fetch the kit from %s\n", ++step, url);
+    if (url) printf("%u. fetch the kit from %s\n", ++step, shown(url).text);
     const cJSON *const state =
         cJSON_GetObjectItem(am::objectMember(profile, "appMonAdminState"), "adminState");
     const char *const stateText = cJSON_GetStringValue(state);

@@ -9,16 +9,13 @@ namespace ctl {
 
 namespace {
 
-// Names come from kits and files of others: no command reaches the terminal.
 void print(const char *file, const char *member, uint32_t line, Colour colour, const char *what,
            const char *format, va_list values) {
     char text[600];
     vsnprintf(text, sizeof text, format, values);
-    for (char *at = text; *at; at++)
-        if (static_cast<unsigned char>(*at) < ' ' || *at == 0x7f) *at = '?';
-    printf("%s%s%s", file, member ? ": " : "", member ? member : "");
+    printf("%s%s%s", file, member ? ": " : "", member ? shown(member).text : "");
     if (line) printf(":%u", line);
-    printf(": %s%s%s%s\n", begin(colour), what, end(colour), text);
+    printf(": %s%s%s%s\n", begin(colour), what, end(colour), shown(text).text);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "core/handle.h"
 #include "ctl/command_line.h"
 #include "ctl/engine_check.h"
+#include "ctl/screen.h"
 #include "kit/kit_folders.h"
 #include "kit/kit_members.h"
 #include "kit/signature.h"
@@ -215,8 +216,8 @@ int checkKit(const char *file, const char *keys) {
         return kFailed;
     }
     const am::KitVersion version = am::readKitVersion(kit.folder());
-    printf("%s: good: %s, %u applications\n", file, *version.text ? version.text : "without a version",
-           rbtCount(&amAppPoolTree));
+    printf("%s: good: %s, %u applications\n", file,
+           *version.text ? shown(version.text).text : "without a version", rbtCount(&amAppPoolTree));
     return kDone;
 }
 

@@ -136,7 +136,7 @@ int groupsCommand(const CommandLine &line) {
     }
     if (name) {
         (void)forEachEntry(list, UINT32_MAX, fill, [](const am::Member &entry) {
-            if (const char *const text = entry.text()) puts(text);
+            if (const char *const text = entry.text()) puts(shown(text).text);
         });
         return kDone;
     }

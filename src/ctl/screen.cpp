@@ -5,7 +5,11 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <string_view>
+
+#include "core/character.h"
 
 namespace ctl {
 
@@ -37,6 +41,27 @@ const char *begin(Colour colour) {
 
 const char *end(Colour colour) {
     return coloured && colour != Colour::none ? "\033[0m" : "";
+}
+
+void copyShown(char *to, size_t size, const char *text) {
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t length = am::characterLength(rest), taken = length ? length : 1;
+        if (taken >= size) break;
+        if (length)
+            memcpy(to, rest.data(), length);
+        else
+            *to = '?';
+        to += taken;
+        size -= taken;
+        rest.remove_prefix(taken);
+    }
+    *to = '\0';
+}
+
+ShownText shown(const char *text) {
+    ShownText out;
+    copyShown(out.text, sizeof out.text, text);
+    return out;
 }
 
 ShortText timeText(uint64_t at) {

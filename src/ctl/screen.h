@@ -12,6 +12,14 @@ void chooseColour(int choice);
 const char *begin(Colour colour);  // the escape sequence, or nothing
 const char *end(Colour colour);
 
+// Text from elsewhere (kits, files, the bus) as a terminal may have it: of a character that is none, or that
+// it would take for a command, a question mark; cut between characters.
+void copyShown(char *to, size_t size, const char *text);
+struct ShownText {
+    char text[640];
+};
+ShownText shown(const char *text);
+
 struct ShortText {
     char text[48];
 };

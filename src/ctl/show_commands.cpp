@@ -13,7 +13,8 @@ namespace ctl {
 namespace {
 
 void row(const char *name, const char *text, Colour colour = Colour::none) {
-    printf("%s%-14s%s%s%s%s\n", begin(Colour::dim), name, end(Colour::dim), begin(colour), text, end(colour));
+    printf("%s%-14s%s%s%s%s\n", begin(Colour::dim), name, end(Colour::dim), begin(colour), shown(text).text,
+           end(colour));
 }
 
 void printKit(const Fields &kit) {
@@ -157,9 +158,10 @@ int explainCommand(const CommandLine &line) {
     fields.each("steps", [](const am::Member &element) {
         const Fields step(element);
         const Colour colour = step.flag("good") ? Colour::good : Colour::bad;
-        printf("%s%-12s%s %s\n", begin(colour), step.text("step"), end(colour), step.text("text"));
+        printf("%s%-12s%s %s\n", begin(colour), step.text("step"), end(colour),
+               shown(step.text("text")).text);
     });
-    printf("%s%s%s\n", begin(Colour::strong), fields.text("conclusion"), end(Colour::strong));
+    printf("%s%s%s\n", begin(Colour::strong), shown(fields.text("conclusion")).text, end(Colour::strong));
     return unknown ? kFailed : kDone;
 }
 

@@ -17,13 +17,6 @@ size_t shownLength(const char *text) {
     return length;
 }
 
-// Names come from kits: what a terminal would take for a command is shown as a question mark.
-void copyShown(char *to, size_t size, const char *text) {
-    snprintf(to, size, "%s", text);
-    for (; *to; to++)
-        if (static_cast<unsigned char>(*to) < ' ' || *to == 0x7f) *to = '?';
-}
-
 class Line {
   public:
     explicit Line(unsigned width) : left_(width ? width : ~0U) {}

@@ -2,7 +2,9 @@
 import fcntl
 import json
 import os
+import pathlib
 import pty
+import re
 import struct
 import subprocess
 import termios
@@ -68,6 +70,25 @@ class Korvidctl(case.SystemTest):
         self.assertEqual(self.lists()["enforced"], {})
         self.assertIn("nearest name is 'YouTube'", self.tool("explain", "YouTub", status=1))
         self.tool("group", "delete", "talk", status=1)
+
+    def test_names_are_no_commands_of_a_terminal(self):
+        """Escape sequences, C1 controls and bytes that are no UTF-8, from the kit, the bus and a configuration file."""
+        bad = "\033]0;x\a\u009b1m\x7f"
+        index, config = pathlib.Path("/tmp/index.csv"), pathlib.Path("/tmp/hostile.conf")
+        index.write_bytes(f"id,name\n1,Mail{bad},-\n2,Stra\u00dfe,-\n3,Chat".encode() + b"\x9b,-\n")
+        profile = {"avSignatureProfile": {"filePath": f"ftp://{bad}", "username": "u", "password": "p"}}
+        config.write_text(json.dumps({"ApplicationVisbilityProfile": [profile]}))
+        self.world.install_kit(index=index, version=f"7{bad}")
+        self.world.call("CREATEavAppGroup", {"appGroup": {f"g{bad}": [{"appName": f"Mail{bad}"}]}})
+        self.world.call("SETavDpiAppList", {"appGroup": [f"g{bad}"]})
+        for words in (("status",), ("apps",), ("groups",), ("groups", f"g{bad}"), ("explain", f"Mail{bad}"), ("explain", "Mai"),
+                      ("enforce", "add", "Mai"), ("kit", "check", world.KIT), ("config", "check", config),
+                      ("kit", "install", world.KIT)):
+            with self.subTest(words=words):
+                done = subprocess.run([*TOOL, "-s", world.BUS_SOCKET, *words], capture_output=True, check=False)
+                printed = (done.stdout + done.stderr).decode()
+                self.assertEqual(re.findall("[^\n\x20-\x7e\xa0-\uffff]", printed), [], printed)
+        self.assertIn("Stra\u00dfe  ", self.tool("apps"))
 
     def test_exit_statuses(self):
         self.assertIn("health        ok", self.tool("status"))
