@@ -74,7 +74,8 @@ struct Check {
 
     // Members that the daemon does not look at.
     void members(const cJSON *object, std::initializer_list<const char *> known) const {
-        for (const cJSON *member = object ? object->child : nullptr; member; member = member->next) {
+        if (!cJSON_IsObject(object)) return;
+        for (const cJSON *member = object->child; member; member = member->next) {
             bool found = false;
             for (const char *name : known) found = found || strcasecmp(name, member->string) == 0;
             if (!found)

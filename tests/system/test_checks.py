@@ -108,6 +108,7 @@ class Checks(case.SystemTest):
         for expected, profile in (
                 (f"{CONFIG}:3: fault: no JSON from about column 4 on", '{"a": [\n1,\n"x": tru2]}'),
                 (":1: fault: there is no array \"ApplicationVisbilityProfile\"", "{}"),
+                (":1: fault: there is no array \"ApplicationVisbilityProfile\"", "[1]"),
                 (":4: fault: unknown key \"avDpiList\": nothing reads it", {"avDpiList": 5}),
                 ("fault: \"avDpiAppList\" is no object: it counts as missing", {"avDpiAppList": []}),
                 ("fault: \"appList\" is no array", {"avDpiAppList": {"appList": {}}}),
