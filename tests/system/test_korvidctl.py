@@ -90,6 +90,24 @@ class Korvidctl(case.SystemTest):
                 self.assertEqual(re.findall("[^\n\x20-\x7e\xa0-\uffff]", printed), [], printed)
         self.assertIn("Stra\u00dfe  ", self.tool("apps"))
 
+    def test_completion_runs_nothing_of_a_name(self):
+        ran = pathlib.Path("/tmp/ran")
+        self.tool("group", "add", f"a$(touch {ran})", "Mail")
+        tools = pathlib.Path("/tmp/tools")
+        tools.mkdir()
+        (tools / "korvidctl").write_text(f'#!/bin/sh\nexec {" ".join(TOOL)} -s {world.BUS_SOCKET} "$@"\n')
+        (tools / "korvidctl").chmod(0o755)
+
+        def complete(*words):
+            script = f"source {world.TREE}/packaging/completion/korvidctl; COMP_WORDS=(korvidctl \"$@\"); COMP_CWORD=$#; _korvidctl;" \
+                     "printf '%s\\n' \"${COMPREPLY[@]}\""
+            return subprocess.run(["bash", "-c", script, "bash", *words], capture_output=True, text=True, check=True,
+                                  env={**os.environ, "PATH": f"{tools}:{os.environ['PATH']}"}).stdout.splitlines()
+        self.assertEqual(complete("groups", ""), [rf"a\$\(touch\ {ran}\)", "Chat", "Games", "Mail", "YouTube"])
+        self.assertEqual((complete("explain", "You"), complete("enf"), complete("kit", "")),
+                         (["YouTube"], ["enforce"], ["check", "install", "keys"]))
+        self.assertFalse(ran.exists())
+
     def test_exit_statuses(self):
         self.assertIn("health        ok", self.tool("status"))
         self.assertEqual(json.loads(self.tool("status", "--json"))["kit"]["version"], "7.1")
