@@ -34,9 +34,10 @@ constexpr char kIndex[] = "AppMon_Signature_Index.csv";
 constexpr uint32_t kNumbers = 65536;
 
 // The words of a command, without a shell: the name of a file is not to be one's command.
-bool run(char *const *words) {
+bool run(char *const *words, int input) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     pid_t child = 0;
     int status = 0;
@@ -180,9 +181,13 @@ UnpackedKit::UnpackedKit(const char *file) {
         folder_[0] = '\0';
         return;
     }
-    char tar[] = "tar", extract[] = "-xzf", into[] = "-C", keep[] = "-o";
-    char *const words[] = {tar, extract, const_cast<char *>(file), into, folder_, keep, nullptr};
-    unpacked_ = run(words);
+    const int input = open(file, O_RDONLY | O_CLOEXEC);
+    if (input < 0) return;
+    // Not by its name: tar takes a colon in that for the end of a host's.
+    char tar[] = "tar", extract[] = "-xzf", itself[] = "-", into[] = "-C", keep[] = "-o";
+    char *const words[] = {tar, extract, itself, into, folder_, keep, nullptr};
+    unpacked_ = run(words, input);
+    (void)close(input);
 }
 
 UnpackedKit::~UnpackedKit() {

@@ -2,6 +2,7 @@
 import io
 import json
 import pathlib
+import shutil
 import subprocess
 import tarfile
 import unittest
@@ -23,7 +24,7 @@ def index(*lines):
 
 class Checks(case.SystemTest):
     def check(self, *words):
-        done = subprocess.run([*TOOL, *map(str, words)], capture_output=True, text=True, check=False)
+        done = subprocess.run([*TOOL, *map(str, words)], capture_output=True, text=True, check=False, cwd="/tmp")
         self.assertEqual(done.returncode, 1 if "fault" in done.stdout.replace(" 0 faults", "") else 0, done.stdout + done.stderr)
         return done.stdout
 
@@ -79,6 +80,8 @@ class Checks(case.SystemTest):
         self.assertIn("libbad.so: fault: a link out of the kit, to /etc/passwd", self.links(**{"libbad.so": "/etc/passwd"}))
         self.assertIn("libbad.so: fault: a link to nowhere.so, which is not there", self.links(**{"libbad.so": "nowhere.so"}))
         self.assertIn("good", self.links(**{"libgood.so": "libcapture.so"}))
+        shutil.copy(KIT, "/tmp/kit:8")
+        self.assertIn("good", self.check("kit", "check", "kit:8"), "a file here, not one on the host kit")
         KIT.write_text("no kit")
         self.assertIn("tar cannot unpack it", self.check("kit", "check", KIT))
 
