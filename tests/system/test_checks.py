@@ -82,6 +82,9 @@ class Checks(case.SystemTest):
         self.assertIn("good", self.links(**{"libgood.so": "libcapture.so"}))
         shutil.copy(KIT, "/tmp/kit:8")
         self.assertIn("good", self.check("kit", "check", "kit:8"), "a file here, not one on the host kit")
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8k", "tmpfs", "/var/flash"], check=True)
+        self.addCleanup(subprocess.run, ["umount", "/var/flash"], check=True)
+        self.assertRegex(self.check("kit", "check", KIT), r"fault: its copy and what it unpacks to need \d+ bytes, /var/flash has \d+\n")
         KIT.write_text("no kit")
         self.assertIn("tar cannot unpack it", self.check("kit", "check", KIT))
 
