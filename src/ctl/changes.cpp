@@ -74,7 +74,7 @@ bool findGroup(const char *name, Reply &reply) {
     static blob_buf buffer;
     am::Answer arguments(buffer);
     arguments.text("name", name);
-    return call("korvid", "groups", arguments.message(), reply) == UBUS_STATUS_OK;
+    return look("groups", arguments.message(), reply) == Found::yes;
 }
 
 bool allGroups(const CommandLine &line) {

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ctl/command_line.h"
+#include "ctl/terminal.h"
 
 namespace ctl {
 
@@ -17,6 +18,8 @@ constexpr int kPatience = 300'000;  // ms: the installation of a kit holds the d
 ubus_context *bus = nullptr;
 
 [[noreturn]] void end(Exit status, const char *what, const char *why) {
+    (void)fflush(stdout);
+    giveTerminalBack();
     fprintf(stderr, "korvidctl: %s%s%s\n", what, *why ? ": " : "", why);
     exit(status);
 }
@@ -79,19 +82,40 @@ void disconnectBus() {
     bus = nullptr;
 }
 
+namespace {
+
+[[noreturn]] void endBy(int status, const char *method) {
+    end(status == UBUS_STATUS_CONNECTION_FAILED ? kNoDaemon : kFailed, method, ubus_strerror(status));
+}
+
 int call(const char *object, const char *method, blob_attr *arguments, Reply &reply) {
     return ubus_invoke(bus, objectId(object), method, arguments, onReply, &reply, kPatience);
 }
 
+}  // namespace
+
+Found look(const char *method, blob_attr *arguments, Reply &reply) {
+    switch (const int status = call("korvid", method, arguments, reply)) {
+        case UBUS_STATUS_OK:
+            return Found::yes;
+        case UBUS_STATUS_NOT_FOUND:
+            return Found::no;
+        case UBUS_STATUS_INVALID_ARGUMENT:
+            return Found::noQuestion;
+        default:
+            endBy(status, method);
+    }
+}
+
 void ask(const char *method, blob_attr *arguments, Reply &reply) {
     const int status = call("korvid", method, arguments, reply);
-    if (status != UBUS_STATUS_OK) end(kFailed, method, ubus_strerror(status));
+    if (status != UBUS_STATUS_OK) endBy(status, method);
 }
 
 bool change(const char *method, blob_attr *arguments) {
     Reply reply;
     const int status = call("dpi", method, arguments, reply);
-    if (status != UBUS_STATUS_OK) end(kFailed, method, ubus_strerror(status));
+    if (status != UBUS_STATUS_OK) endBy(status, method);
     if (reply.fields().flag("success")) return true;
     fprintf(stderr, "korvidctl: the daemon refused: %s\n",
             reply.fields().table("error").text("errorMessage"));

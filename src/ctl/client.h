@@ -54,11 +54,14 @@ class Reply {
 void connectBus(const char *socket);
 void disconnectBus();
 
-// A ubus status.
-int call(const char *object, const char *method, blob_attr *arguments, Reply &reply);
-
-// The same of the read-only object, for calls that cannot go wrong: ends the process with kFailed if one
-// does.
+// Calls of the read-only object.  These end the process, and say so, when the daemon does not answer.
+enum class Found {
+    yes,
+    no,          // nothing has that name
+    noQuestion,  // an argument that cannot be
+};
+[[nodiscard]] Found look(const char *method, blob_attr *arguments, Reply &reply);
+// The same where anything but an answer is a failure, which ends the process, too.
 void ask(const char *method, blob_attr *arguments, Reply &reply);
 
 // A method of the object dpi.  False when it answers a failure, whose text has been told.

@@ -122,7 +122,7 @@ int groupsCommand(const CommandLine &line) {
         am::Answer arguments(buffer);
         arguments.text("name", name);
         Reply reply;
-        if (call("korvid", "groups", arguments.message(), reply) != UBUS_STATUS_OK) {
+        if (look("groups", arguments.message(), reply) != Found::yes) {
             fprintf(stderr, "korvidctl: no group '%s'\n", name);
             return kFailed;
         }

@@ -144,8 +144,7 @@ int explainCommand(const CommandLine &line) {
         return kUsage;
     }
     Reply reply;
-    const int status = call("korvid", "explain", arguments.message(), reply);
-    if (status != UBUS_STATUS_OK) {
+    if (look("explain", arguments.message(), reply) != Found::yes) {
         fprintf(stderr, "korvidctl: that is no flow: addresses of one family, ports from 0 to 65535\n");
         return kUsage;
     }

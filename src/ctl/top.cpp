@@ -1,12 +1,8 @@
 // What is on the network now: drawn again and again, or once.
-#include <poll.h>
-#include <signal.h>
 #include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +14,7 @@
 #include "ctl/commands.h"
 #include "ctl/pages.h"
 #include "ctl/table.h"
+#include "ctl/terminal.h"
 
 namespace ctl {
 
@@ -103,53 +100,16 @@ void draw(const Picture &picture, LastSeen &last, uint64_t &packets, uint32_t se
     delete table;
 }
 
-// The terminal gives single keys, and comes back as it was.
-class Keys {
-  public:
-    Keys() {
-        given_ = tcgetattr(STDIN_FILENO, &before_) == 0;
-        if (!given_) return;
-        termios raw = before_;
-        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        (void)tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    }
-    ~Keys() {
-        if (given_) (void)tcsetattr(STDIN_FILENO, TCSANOW, &before_);
-    }
-    Keys(const Keys &) = delete;
-    Keys &operator=(const Keys &) = delete;
-
-    // False when it is time to end.  A changed size of the window ends the wait.
-    bool wait(uint32_t seconds) const {
-        pollfd input{given_ ? STDIN_FILENO : -1, POLLIN, 0};
-        const int ready = poll(&input, 1, static_cast<int>(seconds) * 1000);
-        if (ready < 0) return errno == EINTR && !ended;
-        char key = 0;
-        return !(ready > 0 && (read(STDIN_FILENO, &key, 1) != 1 || key == 'q' || key == 'Q')) && !ended;
-    }
-    static void onSignal(int number) { ended = ended || number != SIGWINCH; }
-
-  private:
-    static volatile sig_atomic_t ended;
-    termios before_{};
-    bool given_;
-};
-volatile sig_atomic_t Keys::ended = 0;
-
 void follow(const CommandLine &line) {
-    struct sigaction action {};
-    action.sa_handler = Keys::onSignal;
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH}) (void)sigaction(number, &action, nullptr);
-    const Keys keys;
     LastSeen last;
     uint64_t packets = 0;
-    fputs("\033[?1049h\033[?25l", stdout);  // a screen of its own, without a cursor
+    takeTerminal();
     do {
         fputs("\033[H\033[2J", stdout);
         draw(terminal(), last, packets, line.delay);
         (void)fflush(stdout);
-    } while (keys.wait(line.delay));
-    fputs("\033[?25h\033[?1049l", stdout);
+    } while (waitForKey(line.delay));
+    giveTerminalBack();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@ import os
 import pathlib
 import pty
 import re
+import signal
 import struct
 import subprocess
 import termios
@@ -178,13 +179,45 @@ class Korvidctl(case.SystemTest):
         self.assertTrue(rows and all(len(row) <= 40 for row in rows), rows)
         screen = b""
         fcntl.ioctl(ours, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 120, 0, 0))
-        os.killpg(child.pid, 28)  # SIGWINCH: a terminal of its own would send it
+        os.killpg(child.pid, signal.SIGWINCH)  # a terminal of its own would send it
         wide = world.wait_until(lambda: seen(b"Games"), "the picture after the change").decode()
         self.assertIn("LAST SEEN", wide)
         os.write(ours, b"q")
         self.assertEqual(child.wait(world.PATIENCE), 0)
         time.sleep(0.05)
         self.assertIn(b"\033[?1049l", os.read(ours, 65536), "the screen comes back")
+
+    def test_top_gives_the_terminal_back_however_it_ends(self):
+        def end_of(child, ours, status):
+            """What is printed from now on, on a terminal that is as before."""
+            self.assertEqual(child.wait(world.PATIENCE), status)
+            self.assertTrue(termios.tcgetattr(ours)[3] & termios.ECHO)
+            return os.read(ours, 65536)
+
+        def started():
+            ours, child = self.terminal(80, 24, "top", "-d", "1000")
+            world.wait_until(lambda: b"APPLICATION" in os.read(ours, 65536), "the first picture")
+            return ours, child
+        ours, child = started()
+        self.world.daemon.send(signal.SIGSTOP)
+        self.addCleanup(self.world.daemon.send, signal.SIGCONT)
+        os.killpg(child.pid, signal.SIGWINCH)
+        time.sleep(0.2)  # by now it waits for an answer
+        os.killpg(child.pid, signal.SIGINT)
+        self.assertTrue(end_of(child, ours, 0).endswith(b"\033[?25h\033[?1049l"))
+        self.world.daemon.send(signal.SIGCONT)
+        ours, child = started()
+        self.world.daemon.stop()
+        os.killpg(child.pid, signal.SIGWINCH)
+        self.assertRegex(end_of(child, ours, 3), rb"\033\[\?1049lkorvidctl: korvid is not on the bus")
+
+    def test_a_bus_that_goes_while_it_is_asked(self):
+        self.world.daemon.send(signal.SIGSTOP)
+        self.addCleanup(self.world.daemon.send, signal.SIGCONT)
+        asking = subprocess.Popen([*TOOL, "-s", world.BUS_SOCKET, "status"], stderr=subprocess.DEVNULL)
+        time.sleep(0.2)
+        self.world.bus.stop()
+        self.assertEqual(asking.wait(world.PATIENCE), 3)
 
 
 if __name__ == "__main__":
