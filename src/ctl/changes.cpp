@@ -6,6 +6,7 @@
 
 #include "core/text.h"
 #include "ctl/commands.h"
+#include "ctl/names.h"
 #include "ctl/pages.h"
 #include "ctl/screen.h"
 
@@ -41,31 +42,9 @@ Names namesFrom(const CommandLine &line, size_t first) {
     return {line.words + first, line.wordCount > first ? line.wordCount - first : 0};
 }
 
-void askAbout(const char *application, Reply &reply) {
-    static blob_buf buffer;
-    am::Answer arguments(buffer);
-    arguments.text("application", application);
-    ask("explain", arguments.message(), reply);
-}
-
-bool complainUnknown(const char *name, const Fields &answer) {
-    fprintf(stderr, "korvidctl: no application '%s'", name);
-    const char *before = ": ";
-    answer.each("nearest", [&](const am::Member &near) {
-        fprintf(stderr, "%s%s", before, near.text() ? shown(near.text()).text : "");
-        before = " or ";
-    });
-    fprintf(stderr, "%s\n", *before == ':' ? "" : "?");
-    return false;
-}
-
 bool allKnown(const Names &names) {
     bool known = true;
-    for (size_t i = 0; i < names.count; i++) {
-        Reply reply;
-        askAbout(names.names[i], reply);
-        if (!reply.fields().flag("known")) known = complainUnknown(names.names[i], reply.fields());
-    }
+    for (size_t i = 0; i < names.count; i++) known = isApplication(names.names[i]) && known;
     return known;
 }
 

@@ -1,10 +1,13 @@
 // The lists: applications, groups, live flows.
+#include <arpa/inet.h>
+
 #include <cstdio>
 #include <cstring>
 
 #include "core/handle.h"
 #include "ctl/commands.h"
 #include "ctl/json.h"
+#include "ctl/names.h"
 #include "ctl/pages.h"
 #include "ctl/table.h"
 
@@ -153,6 +156,13 @@ int groupsCommand(const CommandLine &line) {
 }
 
 int flowsCommand(const CommandLine &line) {
+    in6_addr address;
+    if (line.address && inet_pton(AF_INET, line.address, &address) != 1 &&
+        inet_pton(AF_INET6, line.address, &address) != 1) {
+        fprintf(stderr, "korvidctl: '%s' is no address\n", line.address);
+        return kUsage;
+    }
+    if (line.application && !isApplication(line.application)) return kFailed;
     const auto fill = [&](am::Answer &arguments) {
         addIf(arguments, "application", line.application);
         addIf(arguments, "address", line.address);

@@ -71,6 +71,8 @@ class Korvidctl(case.SystemTest):
         self.assertEqual(self.lists()["enforced"], {})
         self.assertIn("nearest name is 'YouTube'", self.tool("explain", "YouTub", status=1))
         self.tool("group", "delete", "talk", status=1)
+        self.assertIn("no application 'Youtub': YouTube?", self.tool("flows", "--application", "Youtub", status=1))
+        self.assertIn("is no address", self.tool("flows", "--address", "10.0.0", status=2))
 
     def test_names_are_no_commands_of_a_terminal(self):
         """Escape sequences, C1 controls and bytes that are no UTF-8, from the kit, the bus and a configuration file."""
