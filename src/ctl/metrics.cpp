@@ -1,5 +1,6 @@
 // The numbers as text for a monitoring system, in the exposition format of Prometheus that OpenMetrics grew
 // out of: a family's HELP and TYPE, then its samples.
+#include <bitset>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -98,16 +99,23 @@ constexpr AppFamily kAppFamilies[] = {
 // Of the applications with the most flows: a series for each of a kit's thousands would be the monitoring
 // system's load.
 void printApplications(const CommandLine &line) {
+    constexpr size_t kNumbers = 65536;
     const uint32_t most = line.all ? UINT32_MAX : line.limit;
     for (const AppFamily &app : kAppFamilies) {
         bool first = true;
+        // Flows that come between two pages move applications from one to the next; a scrape with two samples
+        // of one series is refused as a whole.
+        std::bitset<kNumbers> told;
         (void)forEachEntry(
             kApps, most, [](am::Answer &arguments) { arguments.text("list", "seen"); },
             [&](const am::Member &entry) {
                 const Fields fields(entry);
+                const uint64_t id = fields.number("id");
+                if (id >= kNumbers || told[id]) return;
+                told[id] = true;
                 if (first) family(app.name, app.type, app.help);
                 first = false;
-                printf("%s{id=\"%" PRIu64 "\",application=\"", app.name, fields.number("id"));
+                printf("%s{id=\"%" PRIu64 "\",application=\"", app.name, id);
                 label(fields.text("name"));
                 printf("\"} %" PRIu64 "\n", fields.number(app.field));
             });

@@ -2,12 +2,16 @@
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
+import threading
 import unittest
 import urllib.request
 
+import broker
 import case
 import world
+from proof.bus_client import A_DATA, A_OBJID, A_STATUS, DATA, LOOKUP, STATUS, attribute, attributes_of, decode, exactly, members, message
 from test_korvidctl import TOOL
 
 FOLDER = pathlib.Path("/tmp/textfile")
@@ -60,6 +64,30 @@ class Metrics(case.SystemTest):
         number = lambda samples: {name: float(value) for name, value in samples.items()}
         labels = lambda samples: {"".join(sorted(name)): value for name, value in number(samples).items()}  # it sorts them
         self.assertEqual(labels(self.samples(scraped)), labels(self.samples(self.text)))
+
+
+class Pages(unittest.TestCase):
+    """A daemon by hand, as flows come in between two of its answers."""
+    PAGES = {0: {"apps": [{"id": number, "name": f"App{number}"} for number in range(200)], "next": 200},
+             200: {"apps": [{"id": number, "name": f"App{number}"} for number in (199, 200)]}}
+
+    def serve(self, bus):
+        bus.greet()
+        while True:
+            _, kind, sequence, peer, length = struct.unpack(">BBHII", exactly(bus.connection, 12))
+            asked = {number: payload for number, _, payload in attributes_of(exactly(bus.connection, (length & 0xffffff) - 4))}
+            data = attribute(A_OBJID, struct.pack(">I", 7))
+            if kind != LOOKUP:
+                data += attribute(A_DATA, members(self.PAGES.get(decode(asked[A_DATA]).get("offset"), {})))
+            bus.connection.sendall(message(DATA, sequence, peer, data) +
+                                   message(STATUS, sequence, peer, attribute(A_STATUS, bytes(4))))
+
+    def test_an_application_that_moves_to_the_next_page_is_one_series(self):
+        with broker.Broker() as bus:
+            threading.Thread(target=self.serve, args=[bus], daemon=True).start()
+            done = subprocess.run([*TOOL, "-s", world.BUS_SOCKET, "metrics", "--all"], capture_output=True, text=True, check=True)
+        series = [line.split(" ")[0] for line in done.stdout.splitlines() if line.startswith("korvid_application_flows")]
+        self.assertEqual((len(series), len(set(series))), (201, 201))
 
 
 if __name__ == "__main__":
