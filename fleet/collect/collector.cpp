@@ -128,12 +128,19 @@ void Collector::sweep() {
 void Collector::notice(const Place &place) {
     const std::string original = originalName(place.name);
     if (!kindOfFile(original) || (place.name[0] == '.' && original == place.name)) return;
+    if (original != place.name && isInHand(place)) return;
     FileState state;
     if (!spool_.stateOf(place, state)) return;
     // Long settled by the clock that stamped it; of a time to come nothing is known.
     const int64_t age = time(nullptr) - state.modified / 1'000'000'000;
     const bool settled = age > options_.settle;
     await(place, state, settled ? 0 : monotonic() + options_.settle);
+}
+
+// The watch tells of the names that the collector itself has given, and a sweep finds them.
+bool Collector::isInHand(const Place &place) const {
+    return std::any_of(batch_.begin(), batch_.end(),
+                       [&place](const Loaded &loaded) { return loaded.file.place == place; });
 }
 
 void Collector::await(const Place &place, const FileState &state, double due) {

@@ -40,6 +40,7 @@ class Collector {
 
     void sweep();
     void notice(const Place &place);
+    [[nodiscard]] bool isInHand(const Place &place) const;
     void await(const Place &place, const FileState &state, double due);
     void forget(const Place &place);
     void takeDue();

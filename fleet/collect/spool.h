@@ -24,6 +24,7 @@ struct Place {
     std::string folder;  // below the spool: the box's name
     std::string name;
 
+    bool operator==(const Place &) const = default;
     bool operator<(const Place &other) const {
         return std::tie(folder, name) < std::tie(other.folder, other.name);
     }

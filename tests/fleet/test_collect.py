@@ -1,4 +1,5 @@
 """korvid-collect against ClickHouse: every line once, whatever comes in and whatever ends meanwhile."""
+import http.server
 import os
 import pathlib
 import random
@@ -6,6 +7,7 @@ import shutil
 import signal
 import subprocess
 import tempfile
+import threading
 import time
 import unittest
 
@@ -22,6 +24,25 @@ def generate(folder, seed, boxes, lines, seconds=DAY):
     folder.mkdir(exist_ok=True)
     subprocess.run([BUILD / "bench/fleet/fleet-generate", folder, str(seed), str(boxes), str(lines), "3",
                     str(int(time.time())), str(seconds)], check=True)
+
+
+def http_server(test, answer):
+    """The address of a server for as long as a test runs: answer(path, body) gives a status and a text."""
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_POST(self):
+            status, text = answer(self.path, self.rfile.read(int(self.headers["Content-Length"])))
+            self.send_response(status)
+            self.send_header("Content-Length", str(len(text)))
+            self.end_headers()
+            self.wfile.write(text)
+
+        def log_message(self, *_):
+            pass
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    test.addCleanup(server.server_close)
+    test.addCleanup(server.shutdown)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    return f"http://127.0.0.1:{server.server_port}/"
 
 
 class Spool(unittest.TestCase):
@@ -52,7 +73,7 @@ class Spool(unittest.TestCase):
                       not any(part.startswith(".") for part in path.relative_to(self.spool).parts))
 
 
-class DryRun(Spool):
+class WithoutServer(Spool):
     def test_tells_what_would_be_loaded_and_changes_nothing(self):
         path = records.put(self.spool / "a", "monitoring", [records.monitored(self.now), "no line"])
         path.with_name(path.name + ".md5").write_text("0" * 32)
@@ -60,6 +81,39 @@ class DryRun(Spool):
         told = self.collect("--dry-run")
         self.assertIn("a/appmon_monitor_flow_records.csv: monitoring, 1 lines to load, 1 to quarantine", told)
         self.assertEqual((self.status, self.visible(), list(self.spool.glob(".*"))), (1, before, []))
+
+
+class Answered(Spool):
+    """A server that keeps what it is sent and answers with a text."""
+
+    def setUp(self):
+        super().setUp()
+        self.sent, self.answer = [], b""
+        self.url = http_server(self, lambda _, sent: self.sent.append(sent) or (200, self.answer))
+
+    def start(self, *options):
+        self.told = self.top / "told"
+        with open(self.told, "wb") as told:
+            process = subprocess.Popen(self.command(*options), stderr=told)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def wait(self, predicate):
+        end = time.monotonic() + 30
+        while not predicate():
+            self.assertLess(time.monotonic(), end, self.told.read_text())
+            time.sleep(0.02)
+
+    def done(self):
+        return list(self.spool.rglob(".*.done"))
+
+    def test_a_file_that_waits_for_others_is_read_once(self):
+        path = records.put(self.spool / "a", "monitoring", [records.monitored(self.now)])
+        os.utime(path, (self.now, self.now))
+        self.start("--linger", "1")
+        self.wait(self.done)
+        self.assertEqual((self.told.read_text().count("1 lines loaded"), len(self.sent)), (1, 1))
 
 
 @unittest.skipUnless(clickhouse.installed(), "clickhouse-server is not installed")
