@@ -80,7 +80,12 @@ bool ClickHouse::post(const std::string &parameters, std::string_view body) {
 
 bool ClickHouse::insert(const std::string &statement, std::string_view rows) {
     // The answer comes when every shard has its rows, not when this node has promised to forward them.
-    return post("&insert_distributed_sync=1&query=" + urlEncoded(statement), rows);
+    if (!post("&insert_distributed_sync=1&query=" + urlEncoded(statement), rows)) return false;
+    // An answer to an insertion is empty: whoever says more, such as a web server at that address, has not
+    // taken it.
+    if (answer_.empty()) return true;
+    error_ = "an answer that is not ClickHouse's: " + printable(answer_.substr(0, kErrorLength));
+    return false;
 }
 
 bool ClickHouse::query(const std::string &text) {

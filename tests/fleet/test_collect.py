@@ -115,6 +115,15 @@ class Answered(Spool):
         self.wait(self.done)
         self.assertEqual((self.told.read_text().count("1 lines loaded"), len(self.sent)), (1, 1))
 
+    def test_a_page_is_no_answer(self):
+        records.put(self.spool / "a", "monitoring", [records.monitored(self.now)])
+        self.answer = b"<title>Welcome</title>"
+        process = self.start("--once")
+        self.wait(lambda: "tried again until it answers" in self.told.read_text() or process.poll() is not None)
+        self.assertEqual(self.done(), [], self.told.read_text())
+        self.answer = b""
+        self.assertEqual((process.wait(30), len(self.done())), (0, 1))
+
 
 @unittest.skipUnless(clickhouse.installed(), "clickhouse-server is not installed")
 class Collect(Spool):
