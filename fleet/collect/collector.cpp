@@ -109,7 +109,7 @@ void Collector::sweep() {
     const auto hidden = [](const std::string &name) {
         return isHidden(name, kLoading) || isHidden(name, kDone);
     };
-    forEachFolder(top_, hidden, [this](const std::string &path, const std::vector<std::string> &files) {
+    const auto visit = [this](const std::string &path, const std::vector<std::string> &files) {
         const Descriptor folder = openFolder(top_, path);
         if (folder && !watch_.add(folder.get(), path) && !watchMissing_) {
             watchMissing_ = true;
@@ -122,6 +122,9 @@ void Collector::sweep() {
             else if (!seen_.contains({path, name}))
                 notice({path, name});
         }
+    };
+    forEachFolder(top_, hidden, visit, [this](const std::string &path) {
+        if (closed_.insert(path).second) progress_.problem(printable(path) + ": " + strerror(errno));
     });
 }
 

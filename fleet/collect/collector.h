@@ -70,6 +70,7 @@ class Collector {
     std::set<std::pair<double, Place>> order_;  // the same, by time
     double nextSweep_ = 0;
     bool watchMissing_ = false;
+    std::set<std::string> closed_;  // folders that cannot be looked into, and have been told
 
     std::string contents_;
     std::array<std::string, am::kRecordKinds> rows_;

@@ -36,6 +36,10 @@ std::string stamp() {
     return text + std::to_string(getpid()) + '-' + std::to_string(++number);
 }
 
+Claim notOpened() {
+    return errno == ENOENT ? Claim::Gone : Claim::Failed;
+}
+
 // Never over another file, where the file system can tell.
 bool renameTo(int folder, const std::string &from, const std::string &to) {
     if (renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) return true;
@@ -61,7 +65,7 @@ bool Spool::stateOf(const Place &place, FileState &state) const {
 Claim Spool::lock(const std::string &folder) {
     if (folders_.contains(folder)) return Claim::Claimed;
     Descriptor opened = openFolder(top_, folder);
-    if (!opened) return Claim::Gone;
+    if (!opened) return notOpened();
     if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0)
         return errno == EWOULDBLOCK ? Claim::Busy : Claim::Failed;
     folders_.emplace(folder, std::move(opened));
@@ -83,7 +87,7 @@ Claim Spool::claim(const Place &place, const FileState &expected, size_t limit, 
     const int folder = folders_.at(place.folder).get();
     struct stat status {};
     const Descriptor file = openFile(folder, place.name, status);
-    if (!file) return Claim::Gone;
+    if (!file) return notOpened();
     if (fleet::stateOf(status) != expected || isWritten(file.get())) return Claim::Written;
     if (const Claim renamed = rename(folder, place, out); renamed != Claim::Claimed) return renamed;
 

@@ -40,7 +40,10 @@ Descriptor openFolder(int top, const std::string &path) {
 
 Descriptor openFile(int folder, const std::string &name, struct stat &status) {
     Descriptor file(openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return Descriptor();
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        file = Descriptor();
+        errno = ENOENT;
+    }
     return file;
 }
 
@@ -60,7 +63,8 @@ bool readAll(int file, size_t limit, std::string &contents) {
 
 void forEachFolder(
     int top, const std::function<bool(const std::string &name)> &hidden,
-    const std::function<void(const std::string &path, const std::vector<std::string> &files)> &visit) {
+    const std::function<void(const std::string &path, const std::vector<std::string> &files)> &visit,
+    const std::function<void(const std::string &path)> &closed) {
     std::vector<std::pair<std::string, int>> ahead{{"", 0}};
     std::vector<std::string> files;
     std::string below;
@@ -68,9 +72,11 @@ void forEachFolder(
         const auto [path, depth] = std::move(ahead.back());
         ahead.pop_back();
         Descriptor folder = openFolder(top, path);
-        if (!folder) continue;
-        const std::unique_ptr<DIR, CloseFolder> entries(fdopendir(dup(folder.get())));
-        if (!entries) continue;
+        const std::unique_ptr<DIR, CloseFolder> entries(folder ? fdopendir(dup(folder.get())) : nullptr);
+        if (!entries) {
+            if (errno != ENOENT) closed(path);
+            continue;
+        }
         files.clear();
         below = path;
         if (!path.empty()) below += '/';

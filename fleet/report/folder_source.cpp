@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <tuple>
@@ -27,6 +28,14 @@ struct Line {
     am::RecordAddress ipA, ipB;
     am::RecordKind kind;
 };
+
+// What is missing from the page, and why: errno.
+void tellClosed(const std::string &folder, const std::string &file) {
+    const int error = errno;
+    const char *const slash = folder.empty() || file.empty() ? "" : "/";
+    (void)fprintf(stderr, "korvid-report: %s%s%s: %s\n", printable(folder).c_str(), slash,
+                  printable(file).c_str(), strerror(error));
+}
 
 class FolderReader {
   public:
@@ -55,7 +64,10 @@ void FolderReader::readBox(int top, const std::string &path, const std::string &
         const auto kind = kindOfFile(file);
         struct stat status {};
         const Descriptor opened = folder && kind ? openFile(folder.get(), file, status) : Descriptor();
-        if (opened && readAll(opened.get(), kLargest, contents_)) readFile(*kind, facts_.boxes.of(name));
+        if (opened && readAll(opened.get(), kLargest, contents_))
+            readFile(*kind, facts_.boxes.of(name));
+        else if (kind && errno != ENOENT)
+            tellClosed(path, file);
     }
 }
 
@@ -242,7 +254,8 @@ bool factsFromFolder(const std::string &folder, const Wanted &wanted, Facts &fac
         [&](const std::string &path, const std::vector<std::string> &files) {
             if (!wanted.site.empty() && !path.starts_with(wanted.site + '/')) return;
             reader.readBox(top.get(), path, path.empty() ? printable(own) : printable(path), files);
-        });
+        },
+        [](const std::string &path) { tellClosed(path, ""); });
     std::vector<Line> &lines = reader.lines();
     if (lines.empty()) {
         error = folder + ": no records";

@@ -82,6 +82,15 @@ class WithoutServer(Spool):
         self.assertIn("a/appmon_monitor_flow_records.csv: monitoring, 1 lines to load, 1 to quarantine", told)
         self.assertEqual((self.status, self.visible(), list(self.spool.glob(".*"))), (1, before, []))
 
+    def test_what_may_not_be_read_is_told_and_left(self):
+        records.put(self.spool / "a", "monitoring", [records.monitored(self.now)]).chmod(0)
+        records.put(self.spool / "b", "monitoring", [records.monitored(self.now)]).parent.chmod(0)
+        command = ["setpriv", "--bounding-set", "-dac_override,-dac_read_search", *self.command("--once")]
+        done = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
+        self.assertEqual(done.returncode, 1, done.stderr)
+        for told in ("a/appmon_monitor_flow_records.csv: Permission denied", "b: Permission denied"):
+            self.assertIn(told, done.stderr)
+
 
 class Answered(Spool):
     """A server that keeps what it is sent and answers with a text."""

@@ -88,6 +88,18 @@ class Report(unittest.TestCase):
         earlier = data_of(report(self.top / "page.html", "--period", "1h", "--to", now - 4000, self.spool))
         self.assertEqual(earlier["cells"]["bytes"], [1000])
 
+    def test_what_may_not_be_read_is_told(self):
+        now = int(time.time())
+        records.put(self.spool / "a", "monitoring", [records.monitored(now)])
+        (self.spool / "c").mkdir(parents=True)
+        for path in (records.put(self.spool / "b", "monitoring", [records.monitored(now)]), self.spool / "c"):
+            path.chmod(0)
+        done = subprocess.run(["setpriv", "--bounding-set", "-dac_override,-dac_read_search", BUILD / "fleet/korvid-report",
+                               "-o", self.top / "page.html", self.spool], capture_output=True, text=True, check=False)
+        self.assertEqual(done.returncode, 0, "the rest makes a page")
+        for told in ("b/appmon_monitor_flow_records.csv: Permission denied", "c: Permission denied"):
+            self.assertIn(told, done.stderr)
+
     @unittest.skipUnless(browser.installed() and clickhouse.installed(), "chromium or clickhouse-server is not installed")
     def test_numbers_are_those_of_the_query(self):
         self.spool.mkdir()
