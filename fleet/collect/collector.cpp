@@ -18,7 +18,8 @@ namespace {
 
 volatile sig_atomic_t stopWanted = 0;
 
-constexpr size_t kFilesOfBatch = 512;  // each may hold its folder's lock, a descriptor
+constexpr size_t kFilesOfBatch = 512;
+constexpr size_t kLockedFolders = 512;  // each a descriptor
 constexpr size_t kBadLines = 1000;     // of a file; with more it is no record file
 constexpr double kSoon = 1;            // s
 
@@ -175,7 +176,9 @@ void Collector::takeDue() {
             tellDryRun(place);
         } else {
             take(place, now);
-            if (batchLines_ >= options_.batch || batch_.size() >= kFilesOfBatch) flush();
+            if (batchLines_ >= options_.batch || batch_.size() >= kFilesOfBatch ||
+                spool_.locked() >= kLockedFolders)
+                flush();
         }
     }
 }

@@ -75,6 +75,7 @@ class Spool {
     // Removes what was done so many seconds ago.
     void expire(const Place &place, int64_t seconds);
 
+    [[nodiscard]] size_t locked() const { return folders_.size(); }
     void unlock() { folders_.clear(); }
 
   private:

@@ -3,6 +3,7 @@ import http.server
 import os
 import pathlib
 import random
+import resource
 import shutil
 import signal
 import subprocess
@@ -90,6 +91,14 @@ class WithoutServer(Spool):
         self.assertEqual(done.returncode, 1, done.stderr)
         for told in ("a/appmon_monitor_flow_records.csv: Permission denied", "b: Permission denied"):
             self.assertIn(told, done.stderr)
+
+    def test_more_folders_than_a_process_has_descriptors_for(self):
+        for number in range(1100):
+            path = records.put(self.spool / str(number), "monitoring", [])
+            path.with_name(path.name + ".md5").write_text("0" * 32)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (1024, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+        self.collect()
+        self.assertEqual(self.visible(), [])
 
 
 class Answered(Spool):
