@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <functional>
@@ -20,12 +21,31 @@ namespace {
 constexpr mode_t kFolderMode = 0750, kFileMode = 0640;
 constexpr size_t kLargest = size_t{256} << 20;
 
-// Makes the folders of a path that are missing.
-bool makeFolders(const std::string &path) {
-    for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-        if (mkdir(path.substr(0, end).c_str(), kFolderMode) != 0 && errno != EEXIST) return false;
-        if (end == std::string::npos) return true;
+// Opens a folder, made where it is missing.  What stands before `trusted` characters is the administrator's
+// and may have links; behind, in a spool, whoever may upload may have made them.
+Descriptor openMade(const std::string &path, size_t trusted) {
+    constexpr int kStep = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    Descriptor folder(open(path.starts_with('/') ? "/" : ".", kStep));
+    for (size_t begin = 0, end = 0; folder && begin < path.size(); begin = end + 1) {
+        end = std::min(path.find('/', begin), path.size());
+        const std::string step = path.substr(begin, end - begin);
+        if (step.empty()) continue;
+        if (mkdirat(folder.get(), step.c_str(), kFolderMode) != 0 && errno != EEXIST) return Descriptor();
+        folder = Descriptor(openat(folder.get(), step.c_str(), kStep | (end < trusted ? 0 : O_NOFOLLOW)));
     }
+    return folder;
+}
+
+// The file of that name, made where it is missing; empty, with errno set, for what is no file.
+Descriptor openOwn(int folder, const std::string &name) {
+    constexpr int kFlags = O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    Descriptor file(openat(folder, name.c_str(), kFlags, kFileMode));
+    struct stat status {};
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        file = Descriptor();
+        errno = EINVAL;
+    }
+    return file;
 }
 
 // A box's name as a path whose steps are no longer than a file system takes, nor special.
@@ -62,10 +82,9 @@ std::string_view identity(std::string_view line) {
 
 long Quarantine::add(const std::string &box, am::RecordKind kind, const std::string &file,
                      const std::vector<BadLine> &lines) const {
-    const std::string folder = folder_ + pathOf(box);
-    if (!makeFolders(folder)) return -1;
-    const std::string path = folder + '/' + std::string(am::recordName(kind)) + ".bad";
-    const Descriptor out(open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    const Descriptor folder = openMade(folder_ + pathOf(box), folder_.size());
+    if (!folder) return -1;
+    const Descriptor out = openOwn(folder.get(), std::string(am::recordName(kind)) + ".bad");
     std::string before;
     if (!out || !readAll(out.get(), kLargest, before)) return -1;
     const off_t size = static_cast<off_t>(before.size());

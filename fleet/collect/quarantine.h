@@ -2,6 +2,8 @@
 // the time, the file's name, the line's number, its offset, the reason, and the line itself as printable
 // text.
 //
+// FOLDER, unless a slash ends its name, and what is in it are reached through no symbolic link.
+//
 // Exports repeat the bad lines with the good ones, so a line that the file has already is not added again.
 #pragma once
 #include <string>

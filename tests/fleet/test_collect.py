@@ -142,6 +142,19 @@ class Answered(Spool):
         self.answer = b""
         self.assertEqual((process.wait(30), len(self.done())), (0, 1))
 
+    def test_a_quarantine_that_leads_elsewhere_takes_nothing(self):
+        """Who may upload may have made it."""
+        elsewhere = self.top / "elsewhere"
+        elsewhere.mkdir()
+        records.put(self.spool / "a", "monitoring", ["no line"])
+        for name, make in (("itself", lambda made: made.symlink_to(elsewhere)),
+                           ("folder", lambda made: made.mkdir() or (made / "a").symlink_to(elsewhere)),
+                           ("file", lambda made: (made / "a").mkdir(parents=True) or os.mkfifo(made / "a/appmon_monitor_flow_records.bad"))):
+            with self.subTest(name=name):
+                make(self.top / name)
+                self.assertIn("quarantine: ", self.collect("--quarantine", self.top / name))
+                self.assertEqual((self.status, list(elsewhere.iterdir()), self.done()), (1, [], []))
+
 
 @unittest.skipUnless(clickhouse.installed(), "clickhouse-server is not installed")
 class Collect(Spool):
