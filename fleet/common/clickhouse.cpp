@@ -89,7 +89,9 @@ bool ClickHouse::insert(const std::string &statement, std::string_view rows) {
 }
 
 bool ClickHouse::query(const std::string &text) {
-    return post("", text);
+    // The answer comes when there is the whole of it: a server that has sent a part puts what goes wrong into
+    // the rest, and has said that all is well before.
+    return post("&wait_end_of_query=1", text);
 }
 
 std::string quoted(std::string_view text) {

@@ -100,6 +100,14 @@ class Report(unittest.TestCase):
         for told in ("b/appmon_monitor_flow_records.csv: Permission denied", "c: Permission denied"):
             self.assertIn(told, done.stderr)
 
+    def test_half_an_answer_makes_no_page(self):
+        """As ClickHouse does, the server says with the first rows that all is well, unless it is told to wait for the last."""
+        rows = b"2\t1700000000\t1700000000\nCode: 241, e.displayText() = DB::Exception: Memory limit exceeded\n"
+        url = test_collect.http_server(self, lambda path, _: (500 if "wait_end_of_query=1" in path else 200, rows))
+        done = subprocess.run([BUILD / "fleet/korvid-report", "-o", self.top / "page.html", "--server", url],
+                              capture_output=True, text=True, check=False)
+        self.assertEqual((done.returncode, (self.top / "page.html").exists()), (1, False), done.stderr)
+
     @unittest.skipUnless(browser.installed() and clickhouse.installed(), "chromium or clickhouse-server is not installed")
     def test_numbers_are_those_of_the_query(self):
         self.spool.mkdir()
