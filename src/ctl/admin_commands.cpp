@@ -67,20 +67,46 @@ bool copyContent(int from, int to) {
     }
 }
 
-// A file in another's place, whole or not at all.
-bool copyFile(const char *from, const char *to) {
-    char beside[512];
-    snprintf(beside, sizeof beside, "%s.new", to);
-    const int source = open(from, O_RDONLY | O_CLOEXEC);
-    const int target = source < 0 ? -1 : open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (target >= 0) giveToOwnerOf(flashFolder(), target);
-    const bool copied = target >= 0 && copyContent(source, target) && rename(beside, to) == 0;
-    if (!copied) fprintf(stderr, "korvidctl: %s cannot be copied to %s: %s\n", from, to, strerror(errno));
-    if (source >= 0) (void)close(source);
-    if (target >= 0) (void)close(target);
-    if (!copied && target >= 0) (void)unlink(beside);
-    return copied;
-}
+// A file on its way to another's place: a copy beside that, which goes unless it is put there.
+class Copy {
+  public:
+    explicit Copy(const char *to) : to_(to) { snprintf(beside_, sizeof beside_, "%s.new", to); }
+    ~Copy() {
+        if (made_) (void)unlink(beside_);
+    }
+    Copy(const Copy &) = delete;
+    Copy &operator=(const Copy &) = delete;
+
+    // False, and told on standard error: there is no such file, or no room for the whole of it.
+    bool make(const char *from) {
+        const int source = open(from, O_RDONLY | O_CLOEXEC);
+        const int target = source < 0 ? -1 : open(beside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        made_ = target >= 0;
+        if (made_) giveToOwnerOf(flashFolder(), target);
+        const bool copied = made_ && copyContent(source, target);
+        if (!copied) tellFailure(from);
+        if (source >= 0) (void)close(source);
+        if (target >= 0) (void)close(target);
+        return copied;
+    }
+    bool putInPlace() {
+        if (rename(beside_, to_) == 0) {
+            made_ = false;
+            return true;
+        }
+        tellFailure(beside_);
+        return false;
+    }
+
+  private:
+    void tellFailure(const char *from) const {
+        fprintf(stderr, "korvidctl: %s cannot be copied to %s: %s\n", from, to_, strerror(errno));
+    }
+
+    const char *to_;
+    char beside_[512];
+    bool made_ = false;
+};
 
 int install(const CommandLine &line) {
     const char *const file = line.word(2);
@@ -115,12 +141,13 @@ bool bringKit(const char *file) {
     snprintf(signature, sizeof signature, "%s.sig", file);
     snprintf(targetSignature, sizeof targetSignature, "%s.sig", target);
     if (strcmp(file, target) == 0) return true;
+    // Both are here before one of them takes its place: the kit that was there stays with its signature.
+    Copy kit(target), signatureOfKit(targetSignature);
+    const bool hasOne = access(signature, F_OK) == 0;
+    if (!kit.make(file) || (hasOne && !signatureOfKit.make(signature))) return false;
     // A signature that was there before is not this kit's.
-    if (access(signature, F_OK) != 0)
-        (void)unlink(targetSignature);
-    else if (!copyFile(signature, targetSignature))
-        return false;
-    return copyFile(file, target);
+    if (hasOne ? !signatureOfKit.putInPlace() : unlink(targetSignature) != 0 && errno != ENOENT) return false;
+    return kit.putInPlace();
 }
 
 int enableCommand(const CommandLine &line) {

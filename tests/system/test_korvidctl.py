@@ -119,6 +119,10 @@ class Korvidctl(case.SystemTest):
         for words in ((), ("nothing",), ("--nothing", "status"), ("apps", "--sort", "size"), ("explain", "udp", "1"),
                       ("enforce", "add"), ("group", "delete", "a", "b"), ("apps", "--limit", "0"), ("kit", "check")):
             self.tool(*words, status=2)
+        signature = world.KIT.with_name(world.KIT.name + ".sig")
+        signature.write_text("of the kit that is there")
+        self.assertIn("/tmp cannot be copied", self.tool("kit", "install", "/tmp", status=1))
+        self.assertTrue(signature.exists(), "the kit keeps its signature where no other takes its place")
         bad = world.FLASH / "bad.kit"
         bad.write_text("no kit")
         self.assertIn("tar cannot unpack it", self.tool("kit", "install", bad, status=1))
