@@ -118,7 +118,7 @@ void Collector::sweep() {
                           strerror(errno), options_.sweep);
         }
         for (const std::string &name : files) {
-            if (isHidden(name, kDone))
+            if (isHidden(name, kDone) && kindOfFile(name.substr(1)))
                 spool_.expire({path, name}, int64_t{options_.keep} * 3600);
             else if (!seen_.contains({path, name}))
                 notice({path, name});

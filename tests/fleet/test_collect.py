@@ -187,7 +187,9 @@ class Collect(Spool):
         records.put(self.spool / "b", "enforcement", lines[:1])
         records.put(self.spool / "b", "application", [f"DNS,-,{records.text_of(self.now - self.now % HOUR)},0,0,0,7"])
         records.put(self.spool / "b", "monitoring", [records.monitored(self.now)] * 3)
+        (self.spool / "b/.backup.done").touch()
         self.collect("--keep", "0")
+        (self.spool / "b/.backup.done").unlink()  # another program's
         self.assertEqual([self.count(kind) for kind in TABLES], [100, 3, 1])
         self.assertEqual(self.cluster.rows("SELECT DISTINCT Box FROM korvid.enforcement ORDER BY Box"), [["b"], ["site/a"]])
         self.assertEqual((self.visible(), list(self.spool.rglob(".*.done"))), ([], []))
