@@ -46,7 +46,7 @@ struct Text {
     // Where this text first stands in quotes; 0 if nowhere, as with one that needs escapes.
     uint32_t lineOfQuoted(const char *word) const {
         const size_t length = strlen(word);
-        for (const char *at = text.get(); (at = strstr(at, word)) != nullptr; at++)
+        for (const char *at = text.get(); (at = strstr(at, word)) != nullptr && *at; at++)
             if (at > text.get() && at[-1] == '"' && at[length] == '"') return lineOf(at);
         return 0;
     }

@@ -116,6 +116,7 @@ class Checks(case.SystemTest):
                 (":1: fault: there is no array \"ApplicationVisbilityProfile\"", "{}"),
                 (":1: fault: there is no array \"ApplicationVisbilityProfile\"", "[1]"),
                 (":4: fault: unknown key \"avDpiList\": nothing reads it", {"avDpiList": 5}),
+                (f"{CONFIG}: fault: unknown key \"\": nothing reads it", '{"\\u0000": 5}'),
                 ("fault: \"avDpiAppList\" is no object: it counts as missing", {"avDpiAppList": []}),
                 ("fault: \"appList\" is no array", {"avDpiAppList": {"appList": {}}}),
                 ("fault: the kit knows no application 'Youtub': YouTube?", {"avAppGroup": {"g": [app("Youtub")]}}),
