@@ -20,8 +20,8 @@ volatile sig_atomic_t stopWanted = 0;
 
 constexpr size_t kFilesOfBatch = 512;
 constexpr size_t kLockedFolders = 512;  // each a descriptor
-constexpr size_t kBadLines = 1000;     // of a file; with more it is no record file
-constexpr double kSoon = 1;            // s
+constexpr size_t kBadLines = 1000;      // of a file; with more it is no record file
+constexpr double kSoon = 1;             // s
 
 const char *kindName(am::RecordKind kind) {
     switch (kind) {
@@ -250,7 +250,8 @@ void Collector::load(ClaimedFile &&file, am::RecordKind kind) {
     const std::string name = shown(file.place, file.original);
     const long added =
         bad.empty() ? 0 : quarantine_.add(file.place.folder.empty() ? "" : box, kind, file.original, bad);
-    if (added < 0) {
+    const bool full = added < 0 && errno == EFBIG;
+    if (added < 0 && !full) {
         progress_.problem(name + ": quarantine: " + strerror(errno) + "; tried again later");
         rows.resize(rowsBefore);
         if (!options_.once) await(file.place, file.state, monotonic() + options_.sweep);
@@ -258,13 +259,15 @@ void Collector::load(ClaimedFile &&file, am::RecordKind kind) {
     }
     std::string report = name + ": " + kindName(kind) + ", " + std::to_string(lines) + " lines loaded";
     if (badCount != 0)
-        report += ", " + std::to_string(badCount) + " quarantined (" + std::to_string(added) + " new; line " +
-                  std::to_string(bad.front().number) + ": " + bad.front().reason + ")";
-    if (badCount > kBadLines) report += "; set aside";
+        report += ", " + std::to_string(badCount) + " quarantined (" + std::to_string(full ? 0 : added) +
+                  " new; line " + std::to_string(bad.front().number) + ": " + bad.front().reason + ")";
+    const bool rejected = full || badCount > kBadLines;
+    if (full) report += "; the box's quarantine is full";
+    if (rejected) report += "; set aside";
     if (lines != 0) noticeOlder(file, kind, first, report);
 
     if (batch_.empty()) batchBegan_ = monotonic();
-    batch_.push_back({std::move(file), std::move(report), lines, badCount, badCount > kBadLines});
+    batch_.push_back({std::move(file), std::move(report), lines, badCount, rejected});
     batchLines_ += lines;
 }
 

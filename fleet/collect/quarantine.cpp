@@ -19,7 +19,7 @@ namespace fleet {
 namespace {
 
 constexpr mode_t kFolderMode = 0750, kFileMode = 0640;
-constexpr size_t kLargest = size_t{256} << 20;
+constexpr size_t kLargest = size_t{16} << 20;  // bytes, all of which are looked at for lines that come again
 
 // Opens a folder, made where it is missing.  What stands before `trusted` characters is the administrator's
 // and may have links; behind, in a spool, whoever may upload may have made them.

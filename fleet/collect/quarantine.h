@@ -18,7 +18,8 @@ class Quarantine {
   public:
     explicit Quarantine(std::string folder) : folder_(std::move(folder)) {}
 
-    // Adds the lines that are new, on the disk when it returns.  Their number, or -1 with errno set.
+    // Adds the lines that are new, on the disk when it returns.  Their number, or -1 with errno set: EFBIG
+    // when the file has had enough.
     [[nodiscard]] long add(const std::string &box, am::RecordKind kind, const std::string &file,
                            const std::vector<BadLine> &lines) const;
 

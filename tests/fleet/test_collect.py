@@ -142,6 +142,15 @@ class Answered(Spool):
         self.answer = b""
         self.assertEqual((process.wait(30), len(self.done())), (0, 1))
 
+    def test_a_full_quarantine_holds_nobody_up(self):
+        full = self.spool / ".quarantine/a/appmon_monitor_flow_records.bad"
+        full.parent.mkdir(parents=True)
+        with open(full, "wb") as file:
+            file.truncate(300 << 20)
+        records.put(self.spool / "a", "monitoring", ["no line", records.monitored(self.now)])
+        self.assertIn("the box's quarantine is full; set aside", self.collect())
+        self.assertEqual((len(self.sent), len(list(self.spool.rglob(".*.rejected")))), (1, 1))
+
     def test_a_quarantine_that_leads_elsewhere_takes_nothing(self):
         """Who may upload may have made it."""
         elsewhere = self.top / "elsewhere"
