@@ -12,6 +12,7 @@
 #include "core/write_fully.h"
 #include "ctl/client.h"
 #include "ctl/commands.h"
+#include "ctl/json.h"
 #include "ctl/kit_commands.h"
 #include "ctl/screen.h"
 #include "show/answer.h"
@@ -19,6 +20,13 @@
 namespace ctl {
 
 namespace {
+
+// The end of a change: it is saved if that is wanted, and programs get the daemon's status.
+int finish(const CommandLine &line, const Reply &status) {
+    if (line.save) return saveCommand(line);
+    if (line.json) printJson(status);
+    return kDone;
+}
 
 int setState(const char *state, const CommandLine &line) {
     static blob_buf buffer;
@@ -28,9 +36,9 @@ int setState(const char *state, const CommandLine &line) {
     Reply reply;
     ask("status", nullptr, reply);
     const bool on = reply.fields().table("kernel").flag("mirroring");
-    printf("mirroring is %s\n", on ? "on" : "off");
-    if (line.save) return saveCommand(line);
-    return on == (strcmp(state, "enable") == 0) ? kDone : kFailed;
+    if (!line.json) printf("mirroring is %s\n", on ? "on" : "off");
+    const int ended = finish(line, reply);
+    return on == (strcmp(state, "enable") == 0) ? ended : kFailed;
 }
 
 // The first line of a file; false, and told, when it cannot be read.
@@ -126,11 +134,12 @@ int install(const CommandLine &line) {
         fprintf(stderr, "korvidctl: the kit was refused: %s\n", kit.text("refusal"));
         return kFailed;
     }
+    if (line.json) return finish(line, reply);
     printf("kit %s with %s applications is installed, its engine %s\n",
            *kit.text("version") ? shown(kit.text("version")).text : "without a version",
            numberText(kit.number("applications")).text, kit.flag("engine") ? "runs" : "does not run");
     if (!line.save) puts("a restart installs it again once that is saved (korvidctl save, or --save)");
-    return line.save ? saveCommand(line) : kDone;
+    return finish(line, reply);
 }
 
 }  // namespace
@@ -175,7 +184,13 @@ int exportCommand(const CommandLine &line) {
     request.text("filePath", line.url);
     explicit_bzero(password, sizeof password);
     if (!change(enforcement ? "GETavDpiStats" : "GETavAppMonStats", request.message())) return kFailed;
-    puts("the upload has been started; the daemon's log tells when it fails");
+    if (!line.json) {
+        puts("the upload has been started; the daemon's log tells when it fails");
+        return kDone;
+    }
+    Reply reply;
+    ask("status", nullptr, reply);
+    printJson(reply);
     return kDone;
 }
 

@@ -6,6 +6,7 @@
 
 #include "core/text.h"
 #include "ctl/commands.h"
+#include "ctl/json.h"
 #include "ctl/names.h"
 #include "ctl/pages.h"
 #include "ctl/screen.h"
@@ -73,7 +74,7 @@ bool askedToSave(const CommandLine &line) {
     return !line.save || change("SETappMonActivateAppList", nothing.message());
 }
 
-// What became of it: whether the configuration file has it.
+// What became of it: whether the configuration file has it.  Programs get the daemon's status.
 int tellSaved(const CommandLine &line) {
     if (!askedToSave(line)) return kFailed;
     Reply reply;
@@ -84,7 +85,10 @@ int tellSaved(const CommandLine &line) {
                 "korvidctl: not saved: the configuration file cannot be written, see the daemon's log\n");
         return kFailed;
     }
-    puts(unsaved ? "not saved: a restart forgets it (korvidctl save, or --save)" : "saved");
+    if (line.json)
+        printJson(reply);
+    else
+        puts(unsaved ? "not saved: a restart forgets it (korvidctl save, or --save)" : "saved");
     return kDone;
 }
 
@@ -203,7 +207,7 @@ int changeList(const ListWords &list, const CommandLine &line) {
     else
         fillRequest(request, names, line);
     if (!change(set || remove ? list.setMethod : list.addMethod, request.message())) return kFailed;
-    before.tellChanges(line);
+    if (!line.json) before.tellChanges(line);
     return tellSaved(line);
 }
 
@@ -268,6 +272,15 @@ bool deleteGroup(const char *group) {
            restoreGroups(kMonitoring, false, group);
 }
 
+void tellGroup(const char *group) {
+    Reply reply;
+    if (findGroup(group, reply))
+        printf("group %s: %s members\n", group,
+               numberText(reply.fields().table("group").number("members")).text);
+    else
+        printf("group %s: gone\n", group);
+}
+
 }  // namespace
 
 int enforceCommand(const CommandLine &line) {
@@ -301,12 +314,7 @@ int groupCommand(const CommandLine &line) {
                       : whole ? deleteGroup(group)
                               : removeMembers(group, names, entry);
     if (!done) return kFailed;
-    Reply after;
-    if (findGroup(group, after))
-        printf("group %s: %s members\n", group,
-               numberText(after.fields().table("group").number("members")).text);
-    else
-        printf("group %s: gone\n", group);
+    if (!line.json) tellGroup(group);
     return tellSaved(line);
 }
 

@@ -64,6 +64,10 @@ class Korvidctl(case.SystemTest):
         self.tool("monitor", "set")
         self.assertEqual(self.lists()["monitored"], {})
         self.assertIn("saved", self.tool("save"))
+        for words, unsaved in ((("enforce", "add", "Games"), True), (("group", "add", "fun", "Mail", "--save"), False),
+                               (("disable",), False), (("enable", "--save"), False), (("monitor", "set", "Mail"), True), (("save",), False)):
+            status = json.loads(self.tool(*words, "--json"))
+            self.assertEqual((words, status["configuration"]["unsaved_changes"]), (words, unsaved))
 
     def test_names_that_nobody_knows_change_nothing(self):
         self.assertIn("no application 'Youtub': YouTube?", self.tool("enforce", "add", "Mail", "Youtub", status=1))
