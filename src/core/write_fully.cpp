@@ -21,4 +21,15 @@ size_t writeFully(int fd, std::string_view bytes) {
     return done;
 }
 
+bool copyFully(int from, int to) {
+    char bytes[16384];
+    for (;;) {
+        const ssize_t got = read(from, bytes, sizeof bytes);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return got == 0;
+        const auto length = static_cast<size_t>(got);
+        if (writeFully(to, {bytes, length}) != length) return false;
+    }
+}
+
 }  // namespace am

@@ -9,4 +9,7 @@ namespace am {
 // asked for after a failure, with errno(3) set.  Any thread.
 size_t writeFully(int fd, std::string_view bytes);
 
+// Copies all that can be read.  False, with errno set: not all of it is there.
+[[nodiscard]] bool copyFully(int from, int to);
+
 }  // namespace am

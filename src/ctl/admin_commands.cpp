@@ -65,16 +65,6 @@ void giveToOwnerOf(const char *folder, int fd) {
     if (stat(folder, &status) == 0) (void)!fchown(fd, status.st_uid, status.st_gid);
 }
 
-bool copyContent(int from, int to) {
-    static char bytes[65536];
-    for (;;) {
-        const ssize_t got = read(from, bytes, sizeof bytes);
-        if (got == 0) return fsync(to) == 0;
-        if (got < 0 || am::writeFully(to, {bytes, static_cast<size_t>(got)}) != static_cast<size_t>(got))
-            return false;
-    }
-}
-
 // A file on its way to another's place: a copy beside that, which goes unless it is put there.
 class Copy {
   public:
@@ -91,7 +81,7 @@ class Copy {
         const int target = source < 0 ? -1 : open(beside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         made_ = target >= 0;
         if (made_) giveToOwnerOf(flashFolder(), target);
-        const bool copied = made_ && copyContent(source, target);
+        const bool copied = made_ && am::copyFully(source, target) && fsync(target) == 0;
         if (!copied) tellFailure(from);
         if (source >= 0) (void)close(source);
         if (target >= 0) (void)close(target);

@@ -1,7 +1,6 @@
 #include "kit/signature.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <nettle/base64.h>
 #include <nettle/eddsa.h>
 #include <sys/stat.h>
@@ -11,8 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/handle.h"
 #include "core/text.h"
+#include "kit/kit_members.h"
 
 namespace am {
 
@@ -22,19 +21,9 @@ constexpr size_t kNumberSize = sizeof PublicKey::number;
 constexpr size_t kHeadSize = 2 + kNumberSize;  // "Ed" and the number
 static_assert(sizeof PublicKey::key == ED25519_KEY_SIZE);
 
-// Null unless it is a regular file: opening a pipe would wait for its writer.
-File openRegular(const char *path) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    struct stat status {};
-    if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
-        if (FILE *const file = fdopen(fd, "r")) return File(file);
-    if (fd >= 0) (void)close(fd);
-    return nullptr;
-}
-
 // The second line of a file, decoded: exactly `size` bytes that begin with "Ed".
 bool readSecondLine(const char *path, uint8_t *bytes, size_t size) {
-    const File file = openRegular(path);
+    const File file = openMember(path);
     char line[1024];
     if (!file || !fgets(line, sizeof line, file.get()) || strncmp(line, "untrusted comment:", 18) != 0 ||
         !strchr(line, '\n') || !fgets(line, sizeof line, file.get()))

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -26,17 +25,6 @@ constinit int copy = -1;
 constinit bool unverified = false;
 char copyPath[64];  // through which tar and cp reach it
 
-bool copyContent(int from, int to) {
-    static uint8_t bytes[16384];
-    for (;;) {
-        const ssize_t got = read(from, bytes, sizeof bytes);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return got == 0;
-        const std::string_view content(reinterpret_cast<const char *>(bytes), static_cast<size_t>(got));
-        if (writeFully(to, content) != content.size()) return false;
-    }
-}
-
 // A sealed copy in memory; -1 without.
 int sealedCopy(const char *path) {
     const int from = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -45,7 +33,7 @@ int sealedCopy(const char *path) {
     int memory = -1;
     if (fstat(from, &status) == 0 && S_ISREG(status.st_mode))
         memory = memfd_create("korvid-kit", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    const bool sealed = memory >= 0 && copyContent(from, memory) && fcntl(memory, F_ADD_SEALS, kSeals) == 0;
+    const bool sealed = memory >= 0 && copyFully(from, memory) && fcntl(memory, F_ADD_SEALS, kSeals) == 0;
     (void)close(from);
     if (sealed) return memory;
     if (memory >= 0) (void)close(memory);
