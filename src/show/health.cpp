@@ -16,7 +16,6 @@ extern "C" {
 #include "records/enf_records.h"
 #include "records/mon_records.h"
 #include "show/counters.h"
-#include "ubus/bus_object.h"
 
 namespace am {
 
@@ -88,8 +87,6 @@ void watchLosses() {
 
 void forEachProblem(ProblemVisit visit, void *context) {
     visitKit(visit, context);
-    if (!ubus_ctx || !ubus_ctx->sock.registered)
-        visit("the bus is gone", "start ubusd, then restart the daemon", context);
     visitRecords(visit, context);
     visitLosses(visit, context);
     if (time(nullptr) < kYear2020)
