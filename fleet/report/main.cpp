@@ -76,6 +76,8 @@ bool take(int option, const char *value, Arguments &out) {
             return fleet::readWithin(value, 1, UINT32_MAX, out.wanted.to);
         case kSite:
             out.wanted.site = value;
+            // As a shell completes a folder's name.
+            out.wanted.site.erase(out.wanted.site.find_last_not_of('/') + 1);
             return true;
         case kBox:
             out.wanted.box = value;

@@ -113,11 +113,11 @@ class Report(unittest.TestCase):
         self.spool.mkdir()
         test_collect.generate(self.spool / "north", 3, 6, 4000, 2 * test_collect.DAY)
         records.put(self.spool / "south/elsewhere", "monitoring", [records.monitored(int(time.time()) + 60)])
-        folder = data_of(report(self.top / "folder.html", "--site", "north", self.spool))
+        folder = data_of(report(self.top / "folder.html", "--site", "north/", self.spool))
         with clickhouse.Cluster(self.top / "clickhouse", shards=2) as cluster:
             subprocess.run([BUILD / "fleet/korvid-collect", "--server", cluster.first.url, "--settle", "0", "--once",
                             self.spool], check=True, stderr=subprocess.DEVNULL)
-            page = report(self.top / "fleet.html", "--site", "north", "--server", cluster.first.url)
+            page = report(self.top / "fleet.html", "--site", "north/", "--server", cluster.first.url)
             facts = data_of(page)
             # Monitored flows need no growth: a plain query has them.
             monitored = {name: int(count) for name, count in cluster.rows(
