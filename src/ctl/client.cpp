@@ -1,6 +1,7 @@
 #include "ctl/client.h"
 
 #include <libubus.h>
+#include <poll.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +14,8 @@ namespace ctl {
 
 namespace {
 
-constexpr int kPatience = 300'000;  // ms: the installation of a kit holds the daemon for as long as it takes
+constexpr int kPatience = 300;    // s: the installation of a kit holds the daemon for as long as it takes
+constexpr int kLookAgain = 1000;  // ms
 
 ubus_context *bus = nullptr;
 
@@ -34,8 +36,25 @@ uint32_t objectId(const char *object) {
     return id;
 }
 
+struct Call {
+    Reply &reply;
+    bool done = false;
+    int status = UBUS_STATUS_TIMEOUT;
+};
+
 void onReply(ubus_request *request, int, blob_attr *message) {
-    static_cast<Reply *>(request->priv)->take(message);
+    static_cast<Call *>(request->priv)->reply.take(message);
+}
+
+void onEnd(ubus_request *request, int status) {
+    auto &call = *static_cast<Call *>(request->priv);
+    call.done = true;
+    call.status = status;
+}
+
+// The broker does not tell that who was asked has ended, so that is looked for.
+void expectDaemon(const char *object, uint32_t id) {
+    if (objectId(object) != id) end(kNoDaemon, "korvid has been restarted while it was asked", "");
 }
 
 }  // namespace
@@ -88,8 +107,28 @@ namespace {
     end(status == UBUS_STATUS_CONNECTION_FAILED ? kNoDaemon : kFailed, method, ubus_strerror(status));
 }
 
+// A ubus status.
 int call(const char *object, const char *method, blob_attr *arguments, Reply &reply) {
-    return ubus_invoke(bus, objectId(object), method, arguments, onReply, &reply, kPatience);
+    const uint32_t id = objectId(object);
+    ubus_request request;
+    const int status = ubus_invoke_async(bus, id, method, arguments, &request);
+    if (status != UBUS_STATUS_OK) return status;
+    Call call{reply};
+    request.priv = &call;
+    request.data_cb = onReply;
+    request.complete_cb = onEnd;
+    ubus_complete_request_async(bus, &request);
+    for (int looks = 0; !call.done && looks < kPatience;) {
+        pollfd input{bus->sock.fd, POLLIN, 0};
+        const int ready = poll(&input, 1, kLookAgain);
+        if (ready > 0) ubus_handle_event(bus);
+        if (bus->sock.eof) break;
+        if (ready != 0) continue;
+        expectDaemon(object, id);
+        looks++;
+    }
+    if (!call.done) ubus_abort_request(bus, &request);
+    return bus->sock.eof && call.status != UBUS_STATUS_OK ? UBUS_STATUS_CONNECTION_FAILED : call.status;
 }
 
 }  // namespace

@@ -221,10 +221,20 @@ class Korvidctl(case.SystemTest):
         os.killpg(child.pid, signal.SIGWINCH)
         self.assertRegex(end_of(child, ours, 3), rb"\033\[\?1049lkorvidctl: korvid is not on the bus")
 
-    def test_a_bus_that_goes_while_it_is_asked(self):
+    def test_who_goes_while_it_is_asked_is_not_waited_for(self):
+        for restarted in (True, False):
+            self.world.ask("status")
+            self.world.daemon.send(signal.SIGSTOP)
+            asking = subprocess.Popen([*TOOL, "-s", world.BUS_SOCKET, "status"], stderr=subprocess.DEVNULL)
+            time.sleep(0.2)  # by now it waits for an answer
+            self.world.daemon.stop(signal.SIGKILL)
+            if restarted:
+                self.world.start_daemon()
+            self.assertEqual(asking.wait(world.PATIENCE), 3)
+        self.world.start_daemon()
         self.world.daemon.send(signal.SIGSTOP)
         self.addCleanup(self.world.daemon.send, signal.SIGCONT)
-        asking = subprocess.Popen([*TOOL, "-s", world.BUS_SOCKET, "status"], stderr=subprocess.DEVNULL)
+        asking = subprocess.Popen([*TOOL, "-s", world.BUS_SOCKET, "groups", "web"], stderr=subprocess.DEVNULL)
         time.sleep(0.2)
         self.world.bus.stop()
         self.assertEqual(asking.wait(world.PATIENCE), 3)
