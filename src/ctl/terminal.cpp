@@ -29,6 +29,23 @@ void onEnd(int) {
 
 void onResize(int) {}
 
+void takeScreen() {
+    taken = 1;
+    if (singleKeys) {
+        termios raw = before;
+        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        (void)tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+    }
+    (void)am::writeFully(STDOUT_FILENO, kOwnScreen);
+}
+
+// The shell has the terminal until it lets the program go on.
+void onStop(int) {
+    giveTerminalBack();
+    (void)raise(SIGSTOP);
+    takeScreen();
+}
+
 }  // namespace
 
 void takeTerminal() {
@@ -38,13 +55,9 @@ void takeTerminal() {
     (void)sigaction(SIGWINCH, &action, nullptr);
     action.sa_handler = onEnd;
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) (void)sigaction(number, &action, nullptr);
-    taken = 1;
-    if (singleKeys) {
-        termios raw = before;
-        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        (void)tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    }
-    (void)am::writeFully(STDOUT_FILENO, kOwnScreen);
+    action.sa_handler = onStop;
+    (void)sigaction(SIGTSTP, &action, nullptr);
+    takeScreen();
 }
 
 void giveTerminalBack() {

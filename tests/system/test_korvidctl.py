@@ -209,6 +209,11 @@ class Korvidctl(case.SystemTest):
             world.wait_until(lambda: b"APPLICATION" in os.read(ours, 65536), "the first picture")
             return ours, child
         ours, child = started()
+        os.killpg(child.pid, signal.SIGTSTP)
+        world.wait_until(lambda: os.waitpid(child.pid, os.WUNTRACED | os.WNOHANG)[1], "its stop")
+        self.assertEqual(os.read(ours, 65536), b"\033[?25h\033[?1049l", "the shell has it meanwhile")
+        os.killpg(child.pid, signal.SIGCONT)
+        world.wait_until(lambda: b"APPLICATION" in os.read(ours, 65536), "the picture on its own screen again")
         self.world.daemon.send(signal.SIGSTOP)
         self.addCleanup(self.world.daemon.send, signal.SIGCONT)
         os.killpg(child.pid, signal.SIGWINCH)
