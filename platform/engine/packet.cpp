@@ -1,7 +1,9 @@
 #include "packet.h"
 
 #include <arpa/inet.h>
+#include <netinet/icmp6.h>
 #include <netinet/in.h>
+#include <netinet/ip_icmp.h>
 
 #include <algorithm>
 #include <cstring>
@@ -33,7 +35,14 @@ void cutTo(Packet &packet, size_t stated) {
     if (stated) packet.len = std::min(packet.len, stated);
 }
 
+bool isEcho(uint8_t proto, uint8_t type) {
+    return (proto == IPPROTO_ICMP && (type == ICMP_ECHO || type == ICMP_ECHOREPLY)) ||
+           (proto == IPPROTO_ICMPV6 && (type == ICMP6_ECHO_REQUEST || type == ICMP6_ECHO_REPLY));
+}
+
 bool readPorts(Packet &packet, size_t offset) {
+    if (packet.len >= offset + 6 && isEcho(packet.tuple.proto, packet.data[offset]))
+        packet.tuple.echoId = word(packet.data + offset + 4);
     if (!hasPorts(packet.tuple.proto)) return true;
     if (packet.len < offset + 4) return false;
     packet.tuple.srcPort = word(packet.data + offset);

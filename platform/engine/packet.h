@@ -8,13 +8,14 @@
 namespace engine {
 
 // Both ends of a flow.  IPv4 addresses take the first four bytes of src and dst, the rest stays zero.
-// Compared and hashed as bytes, so there is no padding.
+// Compared and hashed as bytes, so there is no padding.  Pings between two hosts are flows of their own, as a
+// router's kernel has it; what tells them apart is not reported.
 struct Tuple {
     uint8_t src[16], dst[16];   // network byte order
     uint16_t srcPort, dstPort;  // host byte order; 0 for protocols without ports
     uint8_t proto;              // IP protocol number
     uint8_t ipVersion;          // 4 or 6
-    uint8_t zero[2];
+    uint16_t echoId;            // of an ICMP echo and its reply, 0 for all else
 };
 static_assert(sizeof(Tuple) == 40);
 
