@@ -19,7 +19,12 @@ struct FlowReport {
 void reportFlow4(const FlowReport<AmEnfKey4> &report) EXCLUDES(amEnfFlowLock);
 void reportFlow6(const FlowReport<AmEnfKey6> &report) EXCLUDES(amEnfFlowLock);
 
-// Writes what has been reported to the record file, as far as that is possible.  Event-loop thread.
+// Writes what has been reported, and what is monitored, to the record files, as far as that is possible.
+// Event-loop thread.
 void flushReports();
+
+// Throws away, and counts, what could not be written: its applications' numbers are about to mean others.
+// Event-loop thread.
+void dropReports();
 
 }  // namespace am

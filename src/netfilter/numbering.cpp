@@ -237,6 +237,7 @@ void whileRenumbering() {
     valid = false;
     fillPolicy();
     dropVerdicts();
+    dropReports();
     amCleanAllEnfFlowDb();
     amCleanAllEnfFlowDb6();
     settle(translateMarks(translation) || clearMarks());

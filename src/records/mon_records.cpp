@@ -111,6 +111,18 @@ uint32_t takeOver(typename Ip::Entry *batch) REQUIRES(amMonQueueLock) {
     return count;
 }
 
+struct Batch {
+    uint32_t count4, count6;
+};
+
+// Both live queues into the buffer queues.
+Batch takeBatch() EXCLUDES(amMonQueueLock) {
+    const AmGuard guard(amMonQueueLock);
+    const Batch batch{takeOver<V4>(amMonFtBufferQueue), takeOver<V6>(amMonFt6BufferQueue)};
+    am::countUp(am::counts.monitoredDrained, batch.count4 + batch.count6);
+    return batch;
+}
+
 struct LineWriter {
     am::RecordNames names{AM_LIST_MONITORING};
     am::UtcAppender time;
@@ -223,13 +235,20 @@ int amRemoveMonFlowDbLoggingTimer(uloop_timeout *timeout) {
 
 void amProcessMonFlowDbLogging(uloop_timeout *) {
     amStartMonFlowDbLoggingTimer();
-    uint32_t count4 = 0;
-    uint32_t count6 = 0;
-    {
-        const AmGuard guard(amMonQueueLock);
-        count4 = takeOver<V4>(amMonFtBufferQueue);
-        count6 = takeOver<V6>(amMonFt6BufferQueue);
-    }
-    am::countUp(am::counts.monitoredDrained, count4 + count6);
-    (void)amWriteMonFlowRecordToFile(count4, count6);
+    const Batch batch = takeBatch();
+    (void)amWriteMonFlowRecordToFile(batch.count4, batch.count6);
 }
+
+namespace am {
+
+void flushMonitored() {
+    const Batch batch = takeBatch();
+    if (batch.count4 + batch.count6 != 0) (void)amWriteMonFlowRecordToFile(batch.count4, batch.count6);
+}
+
+void dropMonitored() {
+    const Batch batch = takeBatch();
+    countUp(counts.monitoredLost, batch.count4 + batch.count6);
+}
+
+}  // namespace am

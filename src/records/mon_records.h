@@ -68,6 +68,12 @@ int amWriteMonFlowRecordToFile(uint32_t count4, uint32_t count6);
 void amLogMonFlowRecord(int index, char *line);
 void amLogMonFlowRecord6(int index, char *line);
 
+namespace am {
+// What is queued, before its time: to the file, or nowhere, counted as not written.  Event-loop thread.
+void flushMonitored() EXCLUDES(amMonQueueLock);
+void dropMonitored() EXCLUDES(amMonQueueLock);
+}  // namespace am
+
 void amStartMonFlowDbLoggingTimer();
 int amRemoveMonFlowDbLoggingTimer(uloop_timeout *timeout);
 void amProcessMonFlowDbLogging(uloop_timeout *timeout) EXCLUDES(amMonQueueLock);

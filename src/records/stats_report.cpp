@@ -1,12 +1,15 @@
 #include "records/stats_report.h"
 
+#include <algorithm>
 #include <cinttypes>
+#include <utility>
 
 #include "core/counts.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "flows/flow_report.h"
 #include "records/enf_records.h"
+#include "records/mon_records.h"
 
 AmFt4QueueEntry amnFt4Queue[kReportQueueSize];
 AmFt6QueueEntry amnFt6Queue[kReportQueueSize];
@@ -151,6 +154,14 @@ void reportFlow6(const FlowReport<AmEnfKey6> &report) {
 
 void flushReports() {
     if (ft4CommonIndex != 0 || ft6CommonIndex != 0) (void)amWriteEnfFlowRecordToFile();
+    flushMonitored();
+}
+
+void dropReports() {
+    amReportsDropped += static_cast<uint64_t>(ft4CommonIndex) + static_cast<uint64_t>(ft6CommonIndex);
+    std::fill_n(amnFt4Queue, std::exchange(ft4CommonIndex, 0), AmFt4QueueEntry{});
+    std::fill_n(amnFt6Queue, std::exchange(ft6CommonIndex, 0), AmFt6QueueEntry{});
+    dropMonitored();
 }
 
 }  // namespace am

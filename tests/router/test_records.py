@@ -6,8 +6,10 @@ import threading
 import time
 import unittest
 
-from router_daemon import FLOOD, Router, totals
-from world import wait_until
+from router_daemon import FLOOD, RECORDS, Router, totals
+from world import text_of, wait_until
+
+MONITORED = "/flash/appmon_monitor_flow_records.csv"
 
 
 class Records(unittest.TestCase):
@@ -115,6 +117,25 @@ class Records(unittest.TestCase):
             router.world.daemon.send(signal.SIGCONT)
             change.join()
             self.assertNotIn("Six", {record["Application"] for record in router.records()})
+
+    def test_what_was_queued_before_an_exchange_of_kits_keeps_its_name_or_is_dropped(self):
+        with Router("dns", daemon={"clock": True}) as router:
+            pathlib.Path("/flash/engine.rules").write_text("default 5\n")
+            router.world.install_kit(apps={5: "Five", 6: "Six"})
+            router.enforce(web=["Five", "Six"])
+            router.world.call("SETavAppMonAppList", {"appGroup": ["web"]})
+            router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, 10, 1000)
+            wait_until(lambda: len(router.lab.connections("--mark", "0x30000/0x30000")) == 10, "every mark")
+            pathlib.Path("/flash/engine.rules").write_text("default none\n")
+            blocked = pathlib.Path(RECORDS)
+            blocked.mkdir()
+            router.world.install_kit(apps={5: "Six", 6: "Five"})
+            blocked.rmdir()
+            router.lab.end_connections("-p", "udp")
+            ends = [(record["Application"], record["End"] == "-") for record in router.records()]
+            self.assertEqual(ends, 10 * [("Five", False)])
+            self.assertGreaterEqual(router.counters()["reports.dropped"], 10)
+            self.assertEqual({line.split(",")[6] for line in text_of(MONITORED).splitlines()[1:]}, {"Five"})
 
     def test_a_day_leaves_one_line_for_each_flow_and_nothing_behind(self):
         with Router("dns", daemon={"clock": True}) as router:
