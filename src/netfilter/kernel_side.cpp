@@ -45,6 +45,7 @@ const SideCounter kCounters[] = {
      "connections ended before their verdict or are not tracked: see that no rule says notrack for them"},
     {"kernel.verdicts_not_kept", &sideCounts.notKept,
      "too many connections began at once: mirror packets of fewer of them in the rules"},
+    {"kernel.verdicts_of_errors", &sideCounts.ofErrors, nullptr},
     {"kernel.verdicts_refused", &sideCounts.refused,
      "the kernel refuses marks: see the log, and whether the daemon has the right to administer the network"},
     {"kernel.verdicts_too_large", &sideCounts.tooLarge,

@@ -30,6 +30,7 @@ struct SideCounts {
     std::atomic<uint64_t> markedBySearch;  // of those, found by a walk over all connections: translated twice
     std::atomic<uint64_t> notFound;        // verdicts whose connection never turned up, or had ended
     std::atomic<uint64_t> notKept;         // verdicts for which there was no room to wait for a connection
+    std::atomic<uint64_t> ofErrors;        // verdicts on ICMP errors, which have no connection of their own
     std::atomic<uint64_t> refused;         // verdicts that the kernel refused for another reason
     std::atomic<uint64_t> tooLarge;        // verdicts with a number that the mark has no room for
     std::atomic<uint64_t> ends;            // ends of marked connections

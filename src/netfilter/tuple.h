@@ -27,7 +27,8 @@ ConnTuple inverse(const ConnTuple &tuple);
 bool operator==(const ConnTuple &one, const ConnTuple &other);
 
 // Reads a packet from its IP header on; it may be cut short.  False when it does not tell: no IP, cut within
-// a header, or a later fragment.  The packet is untrusted.
+// a header, a later fragment, or an ICMP error, which reports on another connection; then the tuple has what
+// was read before, both addresses and the protocol of an error.  The packet is untrusted.
 bool readTuple(std::span<const uint8_t> packet, ConnTuple &tuple);
 
 }  // namespace am

@@ -173,6 +173,13 @@ bool isOfFlow(const ConnTuple &packet, const ConnTuple &flow) {
     return false;
 }
 
+// Whether the verdict is on an ICMP error in hand.  That is a packet of the connection that it reports on,
+// which is not to be marked with it.
+bool isOnError(const ConnTuple &flow) {
+    ConnTuple seen;
+    return isIcmp(flow) && packetInHand && !readTuple(packetInHand->packet, seen) && isOfFlow(seen, flow);
+}
+
 // False: no connection has it, nor will have.
 bool deliver(const ConnTuple &flow, uint32_t value) EXCLUDES(verdictLock) {
     ConnTuple tuple = flow;
@@ -229,6 +236,10 @@ int sendResult(const capture_flow_info *info, unsigned match) REQUIRES_SHARED(am
     if (!isIcmp(flow)) {
         flow.sourcePort = static_cast<uint16_t>(info->src_port);
         flow.destinationPort = static_cast<uint16_t>(info->dst_port);
+    }
+    if (isOnError(flow)) {
+        countUp(sideCounts.ofErrors);
+        return 1;
     }
     const MarkLayout &marks = sideSettings.marks;
     if (info->app_id > marks.maxApplication()) countUp(sideCounts.tooLarge);

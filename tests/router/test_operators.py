@@ -1,7 +1,7 @@
 """What operators of a router ask: the numbers of the daemon against those of the kernel's own counters."""
 import unittest
 
-from router_daemon import RULES, Router
+from router_daemon import FLOOD, RULES, Router
 from world import wait_until
 
 
@@ -26,6 +26,14 @@ class Operators(unittest.TestCase):
             self.assertEqual({flow["application"] for flow in flows}, {"HTTP"})
             flow = {name: flows[0][name] for name in ("protocol", "source", "source_port", "destination", "destination_port")}
             self.assertIn("is HTTP and is enforced", router.world.ask("explain", **flow)["conclusion"])
+
+    def test_an_icmp_error_is_no_flow_and_no_loss(self):
+        with Router() as router:
+            router.enforce(web=["ICMP"])
+            router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, 1, 1, 100, 8)
+            wait_until(lambda: router.counters()["verdicts.judged"], "a verdict on the port that is unreachable")
+            self.assertEqual(router.world.ask("flows")["flows"], [])
+            self.assertEqual(router.counters()["kernel.verdicts_of_errors"], 1)
 
     def test_a_verdict_that_no_connection_takes_is_told(self):
         """A host whose packets are not tracked: there is no connection to be marked."""
