@@ -1,24 +1,18 @@
-"""What not every kernel has, or does alike: zones, traffic of the router's own, bridges, flowtables."""
+"""What not every kernel has, or does alike: zones, traffic of the router's own, bridges."""
 import unittest
 
 import lab
-from router_daemon import Router, totals
+from router_daemon import Router
 from world import wait_until
 
 MIRROR = f"{lab.MIRROR} counter name mirrored"
-FLOWTABLE = "flowtable ft { hook ingress priority 0; devices = { inside, outside }; counter; }"
 
 
-def rules(*chains, family="inet", declared=""):
+def rules(*chains, family="inet"):
     """The daemon's table with these chains: pairs of a hook with its priority, and rules."""
     text = "".join(f"chain c{number} {{ type filter hook {hook}\n{body}\n}}\n"
                    for number, (hook, body) in enumerate(chains))
-    return f"table {family} korvid {{\ncounter mirrored {{ }}\ncounter passed {{ }}\n{declared}\n{text}}}\n"
-
-
-def need(*what, **how):
-    with lab.Lab() as laboratory:
-        laboratory.need(*what, **how)
+    return f"table {family} korvid {{\ncounter mirrored {{ }}\ncounter passed {{ }}\n{text}}}\n"
 
 
 class Kernel(unittest.TestCase):
@@ -43,35 +37,14 @@ class Kernel(unittest.TestCase):
             self.expect_marks(router, client=router.lab.router)
 
     def test_connections_through_a_bridge_are_marked_and_stopped(self):
-        need("ct mark 1 log group 26", "bridge")
+        with lab.Lab() as laboratory:
+            laboratory.need("ct mark 1 log group 26", "bridge")
         chains = ("forward priority -10", MIRROR), ("forward priority 10", "")
         with Router("http", "dns", bridged=True, rules=rules(*chains, family="bridge")) as router:
             self.expect_marks(router)
             router.lab.rules("add rule bridge korvid c1 ct mark & 0x10000 != 0 counter name passed drop")
             router.large_transfer()
             wait_until(lambda: router.lab.counted("passed", "bridge korvid"), "a blocked packet")
-
-    def test_a_flowtable_is_given_what_has_a_verdict(self):
-        need("flow add @ft", declared=FLOWTABLE)
-        chains = (("forward priority -10", MIRROR),
-                  ("forward priority 0", "counter name passed\nct mark & 0x20000 != 0 flow add @ft"))
-        with Router("http", rules=rules(*chains, declared=FLOWTABLE), daemon={"clock": True}) as router:
-            router.enforce(web=["HTTP"])
-
-            def transferred():
-                """What conntrack tells of a large transfer that has ended."""
-                size = router.lab.file("large", 20_000_000)
-                router.lab.client.run("curl", "-so", "/dev/null", router.lab.url("http", 4, "large"))
-                line, = router.lab.connections("-p", "tcp")
-                self.assertGreater(totals(line)[1], size)
-                router.lab.end_connections()
-                return line
-            packets, size = totals(transferred())
-            self.assertLess(router.lab.counted("passed"), packets // 5, "packets that took the long way")
-            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in router.records()], [(packets, size)])
-            # Taken before their verdict, connections never get one.
-            router.lab.rules("flush chain inet korvid c1\nadd rule inet korvid c1 flow add @ft")
-            self.assertIn("mark=0 ", transferred())
 
 
 if __name__ == "__main__":

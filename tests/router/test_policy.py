@@ -5,14 +5,15 @@ import subprocess
 import unittest
 
 import lab
-from router_daemon import Router
+import world
+from router_daemon import Router, totals
 from world import PATIENCE, TREE, wait_until
 
 # The group "social" is HTTP here, and so is the application that an example names.
 SECOND_CLIENT = "192.0.2.12"
 LOG_GROUP = 27  # the kernel's log has no place in a network of its own
 HERE = {"app_BitTorrent": "app_HTTP", "app_YouTube": "app_HTTP", "192.168.1.10": SECOND_CLIENT,
-        'log prefix "korvid social: "': f"log group {LOG_GROUP}"}
+        'log prefix "korvid social: "': f"log group {LOG_GROUP}", "{ lan0, wan0 }": "{ inside, outside }"}
 
 # Bytes a second of a transfer from the web server, on a connection that has its verdict: else the first of it comes as fast
 # as it can.  The beginning is left out, in which the limit's bucket is full.
@@ -60,16 +61,24 @@ class Policy(unittest.TestCase):
     def router(self, example, **shape):
         """A router with the mirror and this policy, as the package's script loads them."""
         with Router("http", rules="", **shape) as router:
-            text = (TREE / "packaging/examples" / f"{example}.nft").read_text()
-            for there, here in HERE.items():
-                text = text.replace(there, here)
-            policy = router.lab.work / "policy.nft"
-            policy.write_text(text)
             router.enforce(social=["HTTP"])
-            router.lab.router.run(TREE / "packaging/korvid-rules", "--load", f"policy={policy}")
-            for name in re.findall(r"set ((?:app|group)_\S+)", text):
+            self.load(router, example)
+            for name in re.findall(r"set ((?:app|group)_\S+)", (router.lab.work / "policy.nft").read_text()):
                 wait_until(lambda: router.elements(name), f"the marks of {name}")
             yield router
+
+    @staticmethod
+    def load(router, *examples):
+        """Loads these policies; what the package's script warns of."""
+        text = "".join((TREE / "packaging/examples" / f"{example}.nft").read_text() for example in examples)
+        for there, here in HERE.items():
+            text = text.replace(there, here)
+        policy = router.lab.work / "policy.nft"
+        policy.write_text(text)
+        done = router.lab.router.run(TREE / "packaging/korvid-rules", "--load", f"policy={policy}", check=False)
+        if done.returncode:
+            raise RuntimeError(done.stderr)
+        return done.stderr
 
     @staticmethod
     def dropped(router):
@@ -139,6 +148,52 @@ class Policy(unittest.TestCase):
                                          ["ConnectionResetError\n"] * 2)
                         self.assertIn("CLOSE", router.lab.connections()[0])  # so its end is reported soon
                         router.lab.end_connections()
+
+    def test_what_is_recognised_and_free_is_offloaded(self):
+        with lab.Lab() as laboratory:
+            laboratory.need("flow add @ft", declared="flowtable ft { hook ingress priority 0; devices = { inside, outside }; }")
+        with self.router("flow-offload", daemon={"clock": True}) as router:
+            http = world.kit_numbers()["HTTP"]
+
+            def put(*groups):
+                router.world.call("SETavDpiAppList", {"appGroup": groups})
+
+            def offloaded(mark):
+                return any(f" mark={mark} " in line for line in router.lab.connections() if "OFFLOAD" in line)
+            put()
+            router.lab.rules("""table inet seen { counter passed { }
+                chain seen { type filter hook forward priority 0; counter name passed
+                }\n}""")
+            # At 4 MB a second, so that there is time to see it.
+            size = router.lab.file("limited/large", 20_000_000)
+            client = router.lab.client.start("curl", "-so", "/dev/null", router.lab.url("http", 4, "limited/large"))
+            wait_until(lambda: offloaded(0x20000 | http), "an offloaded connection")
+            # What comes under enforcement only now keeps its way, and has a whole record.
+            put("social")
+            wait_until(lambda: offloaded(0x30000 | http), "its new mark")
+            self.assertEqual(client.wait(PATIENCE), 0)
+            wait_until(lambda: "TIME_WAIT" in router.lab.connections()[0], "the last packet")
+            packets, transferred = totals(router.lab.connections()[0])
+            self.assertGreater(transferred, size)
+            self.assertLess(router.lab.counted("passed", "inet seen"), packets // 5, "packets that took the long way")
+            router.lab.end_connections()
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in router.records()], [(packets, transferred)])
+            # Rules that are loaded anew take it back.
+            put()
+            router.large_transfer()
+            wait_until(lambda: offloaded(0x20000 | http), "an offloaded connection")
+            put("social")
+            wait_until(lambda: offloaded(0x30000 | http), "its new mark")
+            self.assertEqual(self.load(router, "flow-offload", "block-group"), "")
+            wait_until(lambda: self.dropped(router), "a blocked packet")
+            # Taken before their verdict, connections never get one.
+            router.lab.end_connections()
+            router.lab.rules("""table inet firewall { flowtable ft { hook ingress priority 1; devices = { inside, outside }; }
+                chain forward { type filter hook forward priority 0; meta l4proto tcp flow add @ft
+                }\n}""")
+            self.assertIn("offloads connections that have no verdict yet", self.load(router, "flow-offload"))
+            router.lab.client.run("curl", "-so", "/dev/null", router.lab.url("http", 4, "limited/large"))
+            self.assertNotIn(http, [mark & 0xffff for mark in router.marks()])
 
     def peer(self, host, *arguments):
         return host.start("python3", "-c", PEER, *arguments, stdout=subprocess.PIPE, text=True)
