@@ -41,6 +41,7 @@ const SideCounter kCounters[] = {
     {"kernel.verdicts_marked", &sideCounts.marked, nullptr},
     {"kernel.verdicts_marked_later", &sideCounts.markedLater, nullptr},
     {"kernel.verdicts_marked_by_search", &sideCounts.markedBySearch, nullptr},
+    {"kernel.searches", &sideCounts.searches, nullptr},
     {"kernel.verdicts_not_found", &sideCounts.notFound,
      "connections ended before their verdict or are not tracked: see that no rule says notrack for them"},
     {"kernel.verdicts_not_kept", &sideCounts.notKept,

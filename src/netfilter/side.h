@@ -28,6 +28,7 @@ struct SideCounts {
     std::atomic<uint64_t>
         markedLater;  // of those, at a second try or later: the connection was not there yet
     std::atomic<uint64_t> markedBySearch;  // of those, found by a walk over all connections: translated twice
+    std::atomic<uint64_t> searches;        // such walks
     std::atomic<uint64_t> notFound;        // verdicts whose connection never turned up, or had ended
     std::atomic<uint64_t> notKept;         // verdicts for which there was no room to wait for a connection
     std::atomic<uint64_t> ofErrors;        // verdicts on ICMP errors, which have no connection of their own

@@ -40,7 +40,7 @@ constexpr int64_t kTellPeriod = 10'000;
 constexpr size_t kSearchBuffer = 32768;
 
 struct Waiting {
-    ConnTuple tuple;  // as the packet looked
+    ConnTuple tuple;  // as the packet looked, or the connection's own
     uint32_t value;
     uint16_t zone;
     uint8_t pause;
@@ -92,14 +92,15 @@ void wakeEventLoop() {
     (void)!write(wake.fd, &one, sizeof one);
 }
 
-// False without room.
-bool wait(const ConnTuple &tuple, uint16_t zone, uint32_t value) REQUIRES(verdictLock) {
+// False without room.  With a connection's own tuple a search would find no other.
+bool wait(const ConnTuple &tuple, uint16_t zone, bool own, uint32_t value) REQUIRES(verdictLock) {
     if (waitingCount == kWaitingRoom) {
         countUp(sideCounts.notKept);
         return false;
     }
     const int64_t now = steadyMs();
-    waiting[waitingCount++] = {tuple, value, zone, 1, 0, now, now + 1};
+    const uint8_t searched = own ? std::size(kSearchAges) : 0;
+    waiting[waitingCount++] = {tuple, value, zone, 1, searched, now, now + 1};
     if (waitingCount == 1) wakeEventLoop();
     return true;
 }
@@ -185,18 +186,20 @@ bool deliver(const ConnTuple &flow, uint32_t value) EXCLUDES(verdictLock) {
     ConnTuple tuple = flow;
     Connection connection;
     uint16_t zone = 0;
+    bool own = false;
     if (ConnTuple seen; packetInHand && readTuple(packetInHand->packet, seen) && isOfFlow(seen, flow)) {
         tuple = seen;
         if (packetInHand->connection && readConnection(packetInHand->connection, seen.family, connection)) {
             tuple = connection.original;
             zone = connection.zone;
+            own = true;
         }
     }
     const AmGuard guard(verdictLock);
     if (!requests) return false;
     if (waitingCount != 0) forgetTuple(tuple, zone);
     const int error = tryBoth(tuple, zone, value);
-    if (error == -ENOENT) return wait(tuple, zone, value);
+    if (error == -ENOENT) return wait(tuple, zone, own, value);
     if (error == 0)
         countUp(sideCounts.marked);
     else
@@ -300,6 +303,7 @@ void searchConnections() EXCLUDES(verdictLock) {
         }
     }
     if (search.count == 0) return;
+    countUp(sideCounts.searches);
     std::sort(search.tuples, search.tuples + search.count, before);
     alignas(nlmsghdr) char request[kConntrackRequestSize] = {};
     static char buffer[kSearchBuffer];

@@ -1,4 +1,5 @@
-"""What not every kernel has, or does alike: zones, traffic of the router's own, bridges."""
+"""What not every kernel has, or does alike: zones, traffic of the router's own, bridges, ends."""
+import signal
 import unittest
 
 import lab
@@ -45,6 +46,20 @@ class Kernel(unittest.TestCase):
             router.lab.rules("add rule bridge korvid c1 ct mark & 0x10000 != 0 counter name passed drop")
             router.large_transfer()
             wait_until(lambda: router.lab.counted("passed", "bridge korvid"), "a blocked packet")
+
+    def test_a_connection_that_has_ended_is_not_searched_for(self):
+        with Router("dns") as router:
+            router.world.disable()
+            router.world.log_level("INFO")
+            router.world.enable()
+            if router.log(r"packets come (with|without) their connections")[1] == "without":
+                self.skipTest("this kernel does not pass connections along with packets")
+            router.world.daemon.send(signal.SIGSTOP)
+            router.lab.client.run("dig", f"@{router.lab.target(4)}", "www.example.com")
+            router.lab.end_connections()
+            router.world.daemon.send(signal.SIGCONT)
+            wait_until(lambda: router.counters()["kernel.verdicts_not_found"], "a verdict that is given up")
+            self.assertEqual(router.counters()["kernel.searches"], 0)
 
 
 if __name__ == "__main__":
