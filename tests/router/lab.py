@@ -27,6 +27,7 @@ OUTSIDE = {4: "198.51.100.254", 6: "2001:db8:2::254"}
 SERVER = {4: "198.51.100.1", 6: "2001:db8:2::1"}
 BESIDE = {4: "192.0.2.12", 6: "2001:db8:1::12"}  # the server where the router is a bridge
 PREFIX = {4: 24, 6: 64}
+MACHINE = pathlib.Path("/run/machine-network")  # the first namespace of the network, in tools/vm's machine
 PORTS = {"http": 80, "tls": 443, "dns": 53, "ssh": 22}
 SETTINGS = {"net/ipv4/ip_forward": 1, "net/ipv6/conf/all/forwarding": 1, "net/netfilter/nf_conntrack_acct": 1,
             "net/netfilter/nf_conntrack_timestamp": 1, "net/netfilter/nf_conntrack_events": 1}
@@ -177,6 +178,22 @@ class Lab:
             raise unittest.SkipTest(f"this kernel does not take \"{rule}\" in a table of {family}")
         if done.returncode:
             raise RuntimeError(done.stderr)
+
+    @contextlib.contextmanager
+    def kernel_set(self, **settings):
+        """Values of net.netfilter that hold for every network, so that only the machine's first one can set them."""
+        if not MACHINE.exists():
+            raise unittest.SkipTest(f"{', '.join(settings)}: the machine's own, as in ./dev vm")
+        machine = Host(["nsenter", f"--net={MACHINE}"])
+
+        def put(values):
+            machine.run("sysctl", "-qw", *(f"net.netfilter.{name}={value}" for name, value in values.items()))
+        before = {name: machine.run("sysctl", "-n", f"net.netfilter.{name}").strip() for name in settings}
+        put(settings)
+        try:
+            yield
+        finally:
+            put(before)
 
     def rules(self, text):
         """Loads nftables rules."""

@@ -108,10 +108,11 @@ class Router:
                                      self.lab.url("http", version, "large"))
 
     def conversation(self):
-        """A call that has one HTTP connection ask for a page once more."""
+        """A call that has one HTTP connection, which is there already, ask for a page once more."""
         client = self.lab.client.start("python3", "-uc", f"""
 import http.client, sys
 connection = http.client.HTTPConnection("{self.lab.target(4)}")
+connection.connect()
 for line in sys.stdin:
     connection.request("GET", "/")
     print(len(connection.getresponse().read()))""", stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)

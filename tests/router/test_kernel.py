@@ -1,10 +1,11 @@
-"""What not every kernel has, or does alike: zones, traffic of the router's own, bridges, ends."""
+"""What not every kernel has, or does alike: zones, traffic of the router's own, bridges, a full table of connections."""
 import signal
 import unittest
 
 import lab
-from router_daemon import Router
-from world import wait_until
+import world
+from router_daemon import FLOOD, Router, totals
+from world import text_of, wait_until
 
 MIRROR = f"{lab.MIRROR} counter name mirrored"
 
@@ -60,6 +61,37 @@ class Kernel(unittest.TestCase):
             router.world.daemon.send(signal.SIGCONT)
             wait_until(lambda: router.counters()["kernel.verdicts_not_found"], "a verdict that is given up")
             self.assertEqual(router.counters()["kernel.searches"], 0)
+
+    def test_a_full_table_of_connections_harms_none_that_are_in_it(self):
+        with Router("http", "dns", block="", daemon={"clock": True}) as router:
+            router.enforce(web=["HTTP", "DNS"])
+            ask = router.conversation()
+            wait_until(lambda: any("ASSURED" in line for line in router.lab.connections("-p", "tcp")), "a connection")
+            log = text_of(world.LOG)
+
+            def served():
+                return router.lab.client.run("dig", "+tries=1", "+time=1", f"@{router.lab.target(4)}", "www.example.com",
+                                             check=False).returncode == 0
+            with router.lab.kernel_set(nf_conntrack_max=len(router.lab.connections())):
+                self.assertFalse(served())
+                self.assertEqual(ask(), "1000\n")
+                wait_until(lambda: router.lab.connections("--mark", "0x30000/0x30000"), "a mark")
+            self.assertTrue(served())
+            # So few that most take the place of an older one, and so few places to look that there is one.
+            def settled():
+                count = router.counters()
+                return (count["packets.received"] == router.lab.counted("mirrored") and count["verdicts.judged"] ==
+                        count["kernel.verdicts_marked"] + count["kernel.verdicts_not_found"])
+            with router.lab.kernel_set(nf_conntrack_max=100, nf_conntrack_buckets=512):
+                router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, 500, 200)
+                wait_until(settled, "a mark or a reason for every verdict")
+            self.assertGreater(router.counters()["kernel.ends"], 250)
+            self.assertEqual(text_of(world.LOG), log)
+            last = totals(router.lab.connections("-p", "tcp")[0])
+            router.lab.end_connections()
+            records = router.records()
+            self.assertEqual(len(records), router.counters()["verdicts.enforced"])
+            self.assertEqual([(int(r["pktCount"]), int(r["byteCount"])) for r in records if r["Application"] == "HTTP"], [last])
 
 
 if __name__ == "__main__":
