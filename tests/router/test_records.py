@@ -154,8 +154,9 @@ class Records(unittest.TestCase):
             lines = router.records()
             self.assertEqual(len(lines), quarters * flows)
             self.assertEqual({(line["pktCount"], line["End"] == "-") for line in lines}, {("2", False)})
-            descriptors, memory = held()
-            self.assertEqual(descriptors, before[0])
+            # One of them may be a file that is being written at this moment.
+            wait_until(lambda: held()[0] <= before[0], "descriptors given back")
+            memory = held()[1]
             if not os.environ.get("KORVID_SANITIZE"):
                 self.assertLess(memory - before[1], 512, "kB more than in the morning")
 
