@@ -167,7 +167,7 @@ void setMirroring(bool on) {
     stopMirror();
     reportConnections();
     flushReports();
-    fillPolicy();
+    (void)fillPolicy();
 }
 
 void withdrawFromKernel() {

@@ -34,6 +34,7 @@ namespace {
 
 constexpr char kFolder[] = "/var/run/korvid";
 constexpr char kFile[] = "/var/run/korvid/numbering";
+constexpr char kFileBeside[] = "/var/run/korvid/numbering.new";
 constexpr size_t kLineRoom = kAppNameSize + 16;
 constexpr off_t kLargestFile = off_t{kLineRoom} << 17;
 constexpr int kWalks = 3;  // one that does it, and others for what it missed
@@ -78,17 +79,19 @@ CText listOfFile() {
 
 void writeList(const char *text) {
     (void)mkdir(kFolder, 0755);
-    const int fd = open(kFile, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    // Whole or not at all: a name that is cut short may be another application's.
+    const int fd = open(kFileBeside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
     bool written = fd >= 0 && writeFully(fd, text) == strlen(text);
     int error = errno;
     if (fd >= 0 && close(fd) != 0) {
         error = errno;
         written = false;
     }
-    if (written) return;
+    if (written && rename(kFileBeside, kFile) == 0) return;
+    if (written) error = errno;
     amLog(AM_LOG_ERROR, "%s:%d %s: %s; what connections are will be forgotten by a restart\n", "amUpdateKit",
           __LINE__, kFile, strerror(error));
-    (void)unlink(kFile);
+    for (const char *left : {kFileBeside, kFile}) (void)unlink(left);
 }
 
 // New numbers by old ones, 0 for what the new kit does not know.
@@ -213,7 +216,7 @@ bool marksAreValid() {
 void retryClearing() {
     if (valid || steadyMs() - lastTry < kRetryPeriod) return;
     settle(clearMarks());
-    if (valid) fillPolicy();
+    if (valid) (void)fillPolicy();
 }
 
 // A number is the index's own.
@@ -235,12 +238,13 @@ void whileRenumbering() {
     // the next one clears what it finds.
     (void)unlink(kFile);
     valid = false;
-    fillPolicy();
+    const bool emptied = fillPolicy();
     dropVerdicts();
     dropReports();
     amCleanAllEnfFlowDb();
     amCleanAllEnfFlowDb6();
-    settle(translateMarks(translation) || clearMarks());
+    // No number becomes another's while a set may hold it.
+    settle((emptied && translateMarks(translation)) || clearMarks());
     forgetEnds();  // they came with marks of either numbering
 }
 

@@ -50,6 +50,7 @@ struct Seen {
     int mirroring;
 };
 Seen seen{};
+bool namesTold = false;  // of the rules as they were loaded last, those that nothing has
 
 using Applications = std::bitset<kMaxPolicyMarks>;
 Applications enforced;       // as of the last look
@@ -93,9 +94,12 @@ size_t marksOf(PolicyKind kind, const char *name, std::span<uint32_t> room, void
     return count;
 }
 
-void fill(bool tellUnknown) {
+// False: the sets hold what they held before.
+bool fill(bool tellUnknown) {
     seen = {true, amModelChanges, amAdminState.load(std::memory_order_relaxed)};
-    if (!sets) return;
+    if (!sets) return false;
+    tellUnknown = tellUnknown && !namesTold;
+    namesTold = namesTold || tellUnknown;
     static int told = 0;
     const PolicyFill filled = fillPolicySets(sets, marksOf, &tellUnknown);
     if (filled.error != 0 && filled.error != told)
@@ -111,6 +115,7 @@ void fill(bool tellUnknown) {
     if (filled.error != 0) seen.any = false;
     amLog(AM_LOG_DEBUG, "%s:%d %u sets filled, %u of them empty, %u of other kinds\n", "fillPolicy", __LINE__,
           filled.sets, filled.empty, filled.other);
+    return filled.error == 0;
 }
 
 void visitClassified(const nlmsghdr *message, void *) {
@@ -151,7 +156,7 @@ void onWatch(uloop_timeout *) {
     retryClearing();
     const int mirroring = amAdminState.load(std::memory_order_relaxed);
     if (!seen.any || seen.changes != amModelChanges || seen.mirroring != mirroring) {
-        fill(!seen.any);
+        (void)fill(true);
         if (mirroring == 1) lookForNewlyEnforced();
     }
     if (remarkAgain == 0 || steadyMs() < remarkAgain) return;
@@ -174,7 +179,9 @@ void onFirewall(uloop_fd *fd, unsigned) {
         });
     }
     if (fd->error) (void)uloop_fd_add(fd, ULOOP_READ | ULOOP_ERROR_CB);
-    if (declared && seen.any) fill(true);
+    if (!declared) return;
+    namesTold = false;
+    if (seen.any) (void)fill(true);
 }
 
 }  // namespace
@@ -205,8 +212,8 @@ void abandonPolicy() {
         if (socket) (void)close(mnl_socket_get_fd(socket));
 }
 
-void fillPolicy() {
-    fill(false);
+bool fillPolicy() {
+    return fill(false);
 }
 
 }  // namespace am

@@ -13,7 +13,7 @@ int openPolicy();  // 0, or a negative error number; with the loop set up
 void closePolicy();
 void abandonPolicy();  // descriptors only, for a process that ends at once
 
-// Fills the sets by what is so at this moment.
-void fillPolicy();
+// Fills the sets by what is so at this moment.  False: they hold what they held before.
+[[nodiscard]] bool fillPolicy();
 
 }  // namespace am

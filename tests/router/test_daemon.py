@@ -64,8 +64,10 @@ class Daemon(unittest.TestCase):
             self.assertFalse(router.listens())
             marks_are(app_SSH=[])
             router.world.enable()
+            router.world.log_level("NOTICE")
             router.lab.rules("flush ruleset\n" + router.rules)  # as a firewall is reloaded
             marks_are(app_SSH=[ssh])
+            self.assertEqual(text_of(world.LOG).count("app_No/20such of table inet korvid: no application has that name"), 1)
             router.lab.rules("table bridge korvid { set app_SSH { type mark; }\n}")
             wait_until(lambda: "elements" in router.lab.router.run("nft", "list", "table", "bridge", "korvid"), "a bridge's set")
             router.large_transfer()

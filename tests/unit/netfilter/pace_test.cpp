@@ -26,7 +26,7 @@ TEST(NflogPace, ABatchIsWhatComesInAFewMilliseconds) {
     EXPECT_EQ(flow.pace.batch().bytes, 65536U - 512);
     // A rate that only wavers changes nothing.
     flow.after(400, 30);
-    for (const uint32_t packets : {25, 35, 22, 40}) {
+    for (const uint32_t packets : {25U, 35U, 22U, 40U}) {
         flow.after(100, packets);
         EXPECT_EQ(flow.changes, 0) << packets;
     }
