@@ -117,6 +117,8 @@ stage_lint() {
     git ls-files '*.cpp' '*.h' | xargs clang-format-14 --dry-run --Werror
     say "includes"
     tools/check-includes
+    say "table of faults"
+    tests/faults/run --list >/dev/null
     say "static analysis"
     # The compilation database names g++; clang-tidy reads it as it stands.
     git ls-files 'src/*.cpp' 'platform/*.cpp' 'fleet/*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/release
