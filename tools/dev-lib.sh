@@ -169,10 +169,12 @@ run_vm() {
         echo "$ended" >build/vm/ended
     } 2>&1 | tee build/vm/laboratory.log
     awk 'NR == 1 { print "\n== " $0 }
-        / \.\.\. / && /^test_/ {
-            gsub(/[()]/, "", $2)
-            outcome = substr($0, index($0, " ... ") + 5)
-            printf "%-9s%s%s\n", outcome ~ /^skipped/ ? "skipped" : outcome ? outcome : "FAILED", $2, substr(outcome, 8)
+        { line = $0 }
+        /^test_/ { gsub(/[()]/, "", $2); name = $2 }
+        name && line ~ / \.\.\. / {
+            outcome = substr(line, index(line, " ... ") + 5)
+            printf "%-9s%s%s\n", outcome ~ /^skipped/ ? "skipped" : outcome ? outcome : "FAILED", name, substr(outcome, 8)
+            name = ""
         }' build/vm/laboratory.log
     return "$(cat build/vm/ended)"
 }

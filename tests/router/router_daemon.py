@@ -79,6 +79,16 @@ class Router:
     def counters(self):
         return self.world.ask("counters")["counters"]
 
+    def settle(self):
+        """Returns when every packet that was mirrored is read or counted as lost, and every verdict has a mark or a reason."""
+        def of(*names):
+            counters = self.counters()
+            return sum(counters[name] for name in names)
+        wait_until(lambda: of("packets.received", "kernel.packets_lost") == self.lab.counted("mirrored"),
+                   "every packet that the kernel mirrored")
+        wait_until(lambda: of("verdicts.judged") == of(*(f"kernel.verdicts_{what}" for what in (
+            "marked", "not_found", "not_kept", "of_errors", "refused"))), "a mark or a reason for every verdict")
+
     @staticmethod
     def listens():
         """Whether somebody has bound the group of packets."""

@@ -78,13 +78,9 @@ class Kernel(unittest.TestCase):
                 wait_until(lambda: router.lab.connections("--mark", "0x30000/0x30000"), "a mark")
             self.assertTrue(served())
             # So few that most take the place of an older one, and so few places to look that there is one.
-            def settled():
-                count = router.counters()
-                return (count["packets.received"] == router.lab.counted("mirrored") and count["verdicts.judged"] ==
-                        count["kernel.verdicts_marked"] + count["kernel.verdicts_not_found"])
             with router.lab.kernel_set(nf_conntrack_max=100, nf_conntrack_buckets=512):
                 router.lab.client.run("python3", "-c", FLOOD, router.lab.target(4), 20000, 500, 200)
-                wait_until(settled, "a mark or a reason for every verdict")
+                router.settle()
             self.assertGreater(router.counters()["kernel.ends"], 250)
             self.assertEqual(text_of(world.LOG), log)
             last = totals(router.lab.connections("-p", "tcp")[0])
