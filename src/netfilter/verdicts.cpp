@@ -150,7 +150,8 @@ bool settle(Waiting &verdict, int64_t now) REQUIRES(verdictLock) {
         noteLost(verdict.tuple);
         return true;
     }
-    if (now - verdict.since >= kPatience) {
+    // Where a walk over all connections takes seconds, the next one may be that far away.
+    if (now - verdict.since >= kPatience && verdict.searches != 0) {
         countUp(sideCounts.notFound);
         noteLost(verdict.tuple);
         return true;
