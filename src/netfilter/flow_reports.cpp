@@ -166,9 +166,9 @@ bool findFlow(const Connection &connection, typename Ip::Key &key, bool &aged) E
 // Enters a connection that was marked before the database knew it.  False for an application that is not
 // enforced now.
 template <class Ip>
-bool adopt(const Connection &connection, typename Ip::Key &key) {
+bool adopt(const Connection &connection) {
     const uint32_t appId = sideSettings.marks.application(connection.mark);
-    key = keyOf<Ip>(forwardTuple(connection));
+    const typename Ip::Key key = keyOf<Ip>(forwardTuple(connection));
     capture_flow_info info{};
     Ip::setAddresses(info, key);
     info.src_port = key.fstPort;
@@ -179,12 +179,13 @@ bool adopt(const Connection &connection, typename Ip::Key &key) {
     if (amAdminState.load(std::memory_order_relaxed) != 1) return false;
     const AmActiveApp *const app = amActiveApp(appId);
     if (!app || !app->isEnforcement) return false;
-    (void)Ip::update(&info);
-    const time_t started = startOf(connection);
-    const AmGuard guard(amEnfFlowLock);
-    typename Ip::Flow *const flow = Ip::search(&key);
-    if (flow && started != 0) flow->startTime = started;
-    return flow != nullptr;
+    return Ip::update(&info) == 1;
+}
+
+template <class Ip>
+bool findOrAdopt(const Connection &connection, typename Ip::Key &key, bool &aged) {
+    return findFlow<Ip>(connection, key, aged) ||
+           (adopt<Ip>(connection) && findFlow<Ip>(connection, key, aged));
 }
 
 template <class Ip>
@@ -207,7 +208,7 @@ template <class Ip>
 void takeEnd(const Connection &connection) {
     typename Ip::Key key;
     bool aged = false;
-    if (!findFlow<Ip>(connection, key, aged) && !adopt<Ip>(connection, key)) return;
+    if (!findOrAdopt<Ip>(connection, key, aged)) return;
     if (!aged) report<Ip>(countsOf<Ip>(connection, key), true);
 }
 
@@ -223,7 +224,7 @@ template <class Ip>
 void takeDumped(const Connection &connection, Dumping &dumping) {
     typename Ip::Key key;
     bool aged = false;
-    if (!findFlow<Ip>(connection, key, aged) && !adopt<Ip>(connection, key)) return;
+    if (!findOrAdopt<Ip>(connection, key, aged)) return;
     if (dumping.purpose == Dump::adopt) return;
     const Counted<typename Ip::Key> now = countsOf<Ip>(connection, key);
     if (!Ip::current.add(now)) dumping.complete = false;
