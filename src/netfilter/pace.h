@@ -18,8 +18,10 @@ class NflogPace {
     bool see(uint32_t packets, int64_t nowMs) {
         count_ += packets;
         const int64_t elapsed = nowMs - since_;
-        if (elapsed < kWindowMs) return false;
-        const auto wanted = static_cast<uint32_t>(std::clamp<int64_t>(count_ * kBatchMs / elapsed, 1, kMost));
+        // A burst is met at once: its packets are the ones that cost.
+        if (elapsed < kWindowMs && count_ < kBurst) return false;
+        const int64_t inBatch = count_ * kBatchMs / std::max<int64_t>(elapsed, 1);
+        const auto wanted = static_cast<uint32_t>(std::clamp<int64_t>(inBatch, 1, kMost));
         count_ = 0;
         since_ = nowMs;
         if (wanted < 2 * packets_ && 2 * wanted > packets_) return false;
@@ -35,8 +37,9 @@ class NflogPace {
 
   private:
     static constexpr int64_t kWindowMs = 20;
-    static constexpr int64_t kBatchMs = 3;
-    static constexpr int64_t kMost = 128;
+    static constexpr int64_t kBatchMs = 4;
+    static constexpr int64_t kBurst = 128;  // packets
+    static constexpr int64_t kMost = 256;   // what the kernel's largest buffer has room for
     int64_t since_ = 0;
     int64_t count_ = 0;
     uint32_t packets_ = 1;
